@@ -1,0 +1,7 @@
+#pragma once
+// The one way this service sleeps: a relative nanosleep that resumes with the
+// remaining time when a signal interrupts it, so signals never shorten a pause.
+
+#include <ctime>
+
+void sleepResuming(time_t seconds, long nanoseconds);

@@ -1,0 +1,55 @@
+#pragma once
+// Turns raw audit lines into compact per-container event lines: filters on the
+// audit type, extracts and classifies the fields, converts the time and
+// suppresses repeats through a bounded cache of record keys.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+class LogConverter {
+public:
+    enum class EventType : int32_t { UNKNOWN = 0, EXECTL = 1, FILECTL = 2, NETCTL = 3 };
+    enum class StatusType : int32_t { UNKNOWN = 0, ENFORCING = 1, PERMISSIVE = 2 };
+
+    struct ParseResult {
+        std::string timestamp;
+        std::string containerId;
+        EventType eventType = EventType::UNKNOWN;
+        StatusType statusType = StatusType::UNKNOWN;
+        std::string path;
+        std::string spare;  // part of the record's layout; always empty
+        bool valid = false;
+    };
+
+    // The cache is emptied as soon as it holds more than this many keys.
+    static constexpr std::size_t MAX_CACHE_SIZE = 1000;
+
+    static LogConverter& getInstance();
+    static void setDebugMode(bool enabled);
+
+    LogConverter(const LogConverter&) = delete;
+    LogConverter& operator=(const LogConverter&) = delete;
+    LogConverter(LogConverter&&) = delete;
+    LogConverter& operator=(LogConverter&&) = delete;
+
+    bool shouldProcess(const std::string& line);
+    std::string extractField(const std::string& line, const std::string& key);
+    std::string extractQuotedField(const std::string& line, const std::string& key);
+    ParseResult parseLine(const std::string& line);
+    std::string convertToOutputFormat(const ParseResult& result);
+    std::string convertTimestamp(const std::string& text);
+    std::string generateLogHash(const ParseResult& result);
+    EventType determineEventType(const std::string& type, const std::string& operation);
+    StatusType determineStatusType(const std::string& line);
+
+private:
+    LogConverter();
+    ~LogConverter();
+
+    std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
+    std::unordered_set<std::string> processedLogs_;
+    static bool debugMode_;
+};

@@ -1,0 +1,42 @@
+#pragma once
+// Process-wide diagnostic logger: timestamped, levelled lines to the service's
+// own log file, errors echoed to standard error. Every subsystem reports here.
+
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <string>
+
+class Logger {
+public:
+    // Fixed underlying type so that values outside 0-3 are well defined and
+    // print as "UNKNOWN".
+    enum Level : int { DEBUG = 0, INFO = 1, WARN = 2, ERROR = 3 };
+
+    static Logger& getInstance();
+
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
+
+    void init(const std::string& logFilePath, bool debug);
+    void log(Level level, const std::string& message);
+    void setDebugMode(bool enabled);
+    void closeFile();
+
+    static std::string levelToString(Level level);
+    static std::string getCurrentTimestamp();
+    // Formats a wall-clock instant given in nanoseconds since the epoch the
+    // way getCurrentTimestamp does; separate so that a fixed instant can be
+    // checked.
+    static std::string formatTimestamp(int64_t nanosecondsSinceEpoch);
+
+private:
+    Logger() = default;
+    ~Logger();
+
+    std::string logFilePath_;
+    std::ofstream logFile_;
+    std::mutex mutex_;
+    bool debugEnabled_ = false;
+    bool initialized_ = false;
+};

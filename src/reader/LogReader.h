@@ -1,0 +1,45 @@
+#pragma once
+// Follows one input file the way tail -F does: remembers how far it was
+// consumed, reopens it after rotation, replacement or truncation, and hands
+// every new line to a callback from a detached monitor thread.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+class LogReader : public std::enable_shared_from_this<LogReader> {
+public:
+    using LineCallback = std::function<void(const std::string&)>;
+
+    static constexpr int64_t MAX_READ_SIZE = 10485760;
+    static constexpr int MAX_LINES_PER_READ = 10000;
+    static constexpr int64_t ROTATION_SIZE_THRESHOLD = 1024;
+
+    static std::shared_ptr<LogReader> create(const std::string& filename);
+
+    ~LogReader();
+    LogReader(const LogReader&) = delete;
+    LogReader& operator=(const LogReader&) = delete;
+
+    bool startMonitoring(LineCallback callback);
+    void stopMonitoring();
+    bool openFile();
+    void closeFile();
+    bool readNewLines(LineCallback callback, bool advancePosition);
+    bool checkRotation();
+
+private:
+    explicit LogReader(const std::string& filename);
+
+    std::string filename_;
+    int fd_;
+    int64_t position_;
+    int64_t lastSize_;
+    uint64_t inode_;
+    std::atomic<bool> running_;
+    std::atomic<bool> destroyed_;
+};

@@ -1,0 +1,51 @@
+#pragma once
+// Small helpers shared by the unit and end-to-end tests: a private temporary
+// directory, file helpers and polling with a timeout.
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// A fresh directory under /tmp, removed with everything in it on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& content);
+void appendFile(const std::string& path, const std::string& content);
+// Appends every line followed by a newline, in one write.
+void appendLines(const std::string& path, const std::vector<std::string>& lines);
+std::string readFile(const std::string& path);
+// The file's lines without their newlines; an absent file gives no lines.
+std::vector<std::string> readLines(const std::string& path);
+bool fileExists(const std::string& path);
+long long fileSize(const std::string& path);
+
+// Polls the predicate every 10 ms until it holds or the timeout passes.
+bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
+
+// Lines of the diagnostic log without their "[timestamp] " prefix, e.g.
+// "[INFO] Opened file ...". Lines that do not have the prefix are kept whole.
+std::vector<std::string> stripTimestamps(const std::vector<std::string>& lines);
+bool containsLine(const std::vector<std::string>& lines, const std::string& line);
+bool containsSubstring(const std::vector<std::string>& lines, const std::string& part);
+int countSubstring(const std::vector<std::string>& lines, const std::string& part);
+
+// Closes whatever the logger had open and initialises it on `path`; usable
+// more than once in one process.
+void initLogger(const std::string& path, bool debug);
+
+}  // namespace testing_support
