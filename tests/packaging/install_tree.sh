@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# cmake --install into a temporary DESTDIR lays out exactly the expected files,
+# with /etc absolute whatever the prefix and ExecStart naming the installed
+# binary.
+source "$(dirname "$0")/lib.sh"
+make_scratch
+
+# Lists "mode path" for every file and link below $1, sorted.
+tree_of() {
+    (cd "$1" && find . \( -type f -o -type l \) -printf '%m %P\n' | sort -k2)
+}
+
+check_tree() {
+    local root=$1 prefix=$2 expected actual
+    expected=$(sort -k2 <<EOF
+644 etc/logrotate.d/qirn-log-converter
+644 etc/qirn/qirn-log-converter.conf
+755 ${prefix#/}/sbin/qirn-log-converter
+644 ${prefix#/}/lib/systemd/system/qirn-log-converter.service
+644 ${prefix#/}/share/man/man8/qirn-log-converter.8.gz
+644 ${prefix#/}/share/doc/qirn-log-converter/copyright
+644 ${prefix#/}/share/doc/qirn-log-converter/changelog.gz
+EOF
+)
+    actual=$(tree_of "$root")
+    if [ "$expected" != "$actual" ]; then
+        diff <(echo "$expected") <(echo "$actual") || true
+        fail "installed tree for prefix $prefix differs (< expected, > installed)"
+    fi
+
+    local unit="$root${prefix}/lib/systemd/system/qirn-log-converter.service"
+    grep -qx "ExecStart=${prefix}/sbin/qirn-log-converter" "$unit" ||
+        fail "ExecStart of $unit does not name ${prefix}/sbin/qirn-log-converter"
+    cmp -s "$root/etc/qirn/qirn-log-converter.conf" \
+        "$QLC_SOURCE_DIR/packaging/qirn-log-converter.conf" ||
+        fail "installed configuration differs from packaging/qirn-log-converter.conf"
+    cmp -s "$root/etc/logrotate.d/qirn-log-converter" \
+        "$QLC_SOURCE_DIR/packaging/qirn-log-converter.logrotate" ||
+        fail "installed logrotate snippet differs from the source"
+    cmp -s "$root${prefix}/sbin/qirn-log-converter" "$QLC_BINARY" ||
+        fail "installed binary differs from the build's"
+
+    local gz
+    for gz in "$root${prefix}/share/man/man8/qirn-log-converter.8.gz" \
+              "$root${prefix}/share/doc/qirn-log-converter/changelog.gz"; do
+        gzip -t "$gz" || fail "$gz is not a valid gzip file"
+        # gzip -n: no stored name and a zero time stamp (bytes 4-7).
+        [ "$(od -An -tx1 -j4 -N4 "$gz" | tr -d ' \n')" = 00000000 ] ||
+            fail "$gz carries a time stamp (not made with gzip -n)"
+    done
+    zcat "$root${prefix}/share/man/man8/qirn-log-converter.8.gz" |
+        cmp -s - "$QLC_SOURCE_DIR/packaging/qirn-log-converter.8" ||
+        fail "installed manual page differs from the source"
+}
+
+note "prefix /usr"
+install_into "$SCRATCH/usr-root" /usr
+check_tree "$SCRATCH/usr-root" /usr
+
+note "prefix /usr/local (the default of a source build)"
+install_into "$SCRATCH/local-root" /usr/local
+check_tree "$SCRATCH/local-root" /usr/local
+
+note "the example configuration sets nothing: every key=value line is commented out"
+if grep -n '^[^#].*=' "$SCRATCH/usr-root/etc/qirn/qirn-log-converter.conf"; then
+    fail "the example configuration has active settings"
+fi
+for key in input_log=/var/log/qirn_audit.log output_log=/var/log/zarvo_container.log debug=false; do
+    grep -qx "#$key" "$SCRATCH/usr-root/etc/qirn/qirn-log-converter.conf" ||
+        fail "the example configuration does not show the default #$key"
+done
+
+note "nothing was installed outside DESTDIR"
+for path in /etc/qirn/qirn-log-converter.conf /usr/local/sbin/qirn-log-converter; do
+    if [ -e "$path" ] && [ "$path" -nt "$SCRATCH" ]; then
+        fail "$path was written during this test"
+    fi
+done
+echo "PASS"
