@@ -33,7 +33,16 @@ public:
     bool checkRotation();
 
 private:
+    // The monitor thread's function object; defined beside the thread body.
+    struct MonitorTask;
+    // Tests inspect the members and set destroyed_ without destroying the object.
+    friend class LogReaderTestPeer;
+
     explicit LogReader(const std::string& filename);
+
+    void runMonitor(const LineCallback& callback);
+    // One poll cycle; false when the reader was destroyed while a change was pending.
+    bool pollOnce(const LineCallback& callback);
 
     std::string filename_;
     int fd_;
