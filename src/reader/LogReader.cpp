@@ -206,27 +206,30 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         position_ += bytesRead;
     }
 
+    buffer[static_cast<size_t>(bytesRead)] = '\0';
     const char* const end = buffer.data() + bytesRead;
     const char* lineStart = buffer.data();
-    // Zero bytes are rare: one forward search serves every line up to the
-    // next one, instead of a second scan of each line.
-    const char* nextZero = findByte(lineStart, end, '\0');
     // Reused for every line so that the walk allocates only when a line is
     // longer than any before it.
     std::string line;
     int linesDelivered = 0;
 
     while (linesDelivered < MAX_LINES_PER_READ) {
-        const char* newline = findByte(lineStart, end, '\n');
-        if (newline == end) {
-            break;
+        // One pass finds the newline or a zero byte, whichever comes first; the
+        // zero byte after the data keeps it inside the buffer.
+        const char* const lineEnd = strchrnul(lineStart, '\n');
+        const char* newline = lineEnd;
+        if (*lineEnd == '\0') {
+            if (lineEnd == end) {
+                break;
+            }
+            // A zero byte inside the line ends it; the rest up to the newline is dropped.
+            newline = findByte(lineEnd, end, '\n');
+            if (newline == end) {
+                break;
+            }
         }
         if (newline != lineStart && !destroyed_) {
-            if (nextZero < lineStart) {
-                nextZero = findByte(lineStart, end, '\0');
-            }
-            // A zero byte inside the line ends it there; the rest up to the newline is dropped.
-            const char* lineEnd = nextZero < newline ? nextZero : newline;
             try {
                 line.assign(lineStart, static_cast<size_t>(lineEnd - lineStart));
                 callback(line);
@@ -240,11 +243,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
 
     // The unfinished tail is delivered now; its rest arrives later as a line of its own.
     if (!destroyed_ && linesDelivered < MAX_LINES_PER_READ && lineStart < end) {
-        if (nextZero < lineStart) {
-            nextZero = findByte(lineStart, end, '\0');
-        }
         try {
-            line.assign(lineStart, static_cast<size_t>(nextZero - lineStart));
+            line.assign(lineStart, std::strlen(lineStart));
             callback(line);
             ++linesDelivered;
         } catch (const std::exception& error) {
