@@ -27,7 +27,8 @@ constexpr size_t CHUNK_BYTES = CHUNK_LINES * LINE_BYTES;
 
 void writeAll(const std::string& path, const std::string& content, int flags) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | flags, 0644);
-    if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    if (fd < 0 ||
+        write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
         throw std::runtime_error("cannot write " + path);
     }
     close(fd);
@@ -39,7 +40,8 @@ std::string makeChunk() {
     chunk.reserve(CHUNK_BYTES);
     for (int i = 0; i < CHUNK_LINES; ++i) {
         char head[64];
-        const int length = std::snprintf(head, sizeof head, "type=QIRN_AVC msg=audit(1700000000.%06d:1): ", i);
+        const int length =
+            std::snprintf(head, sizeof head, "type=QIRN_AVC msg=audit(1700000000.%06d:1): ", i);
         std::string line(head, static_cast<size_t>(length));
         line.resize(LINE_BYTES - 1, 'x');
         chunk += line;

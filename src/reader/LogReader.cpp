@@ -38,8 +38,8 @@ const char* findByte(const char* from, const char* end, char byte) {
 }  // namespace
 
 // Members in this order, and the explicit reset below, so that the thread lets
-// go of its reader before its callback copy: the reader may be destroyed here,
-// and its destructor must not outlive anything the callback refers to.
+// go of its reader before its callback copy: when that was the last reference,
+// the reader is destroyed while everything the callback refers to still exists.
 struct LogReader::MonitorTask {
     LogReader* reader;
     LineCallback callback;
@@ -122,8 +122,8 @@ bool LogReader::openFile() {
     if (replaced && size < ROTATION_SIZE_THRESHOLD) {
         // A small replacement is a log freshly started by rotation: read all of it.
         position_ = 0;
-        logMessage(Logger::INFO, "logrotate detected (inode changed, size=" +
-                                     std::to_string(size) + " < ), reading from beginning");
+        logMessage(Logger::INFO, "logrotate detected (inode changed, size=" + std::to_string(size) +
+                                     " < ), reading from beginning");
     } else if (replaced) {
         // A large replacement is taken to be an editor's save-by-rename: skip it.
         position_ = size;
@@ -172,7 +172,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         bytesToRead = MAX_READ_SIZE;
     }
 
-    // One zero byte past the data so that the text always ends in a terminator.
+    // One zero byte past the data so that the text always ends in a terminator. A
+    // vector because it zero-fills and is released on every path, exceptions included.
     std::vector<char> buffer;
     try {
         buffer.resize(static_cast<size_t>(bytesToRead) + 1);
@@ -235,7 +236,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
                 callback(line);
                 ++linesDelivered;
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR, std::string("Exception processing line: ") + error.what());
+                logMessage(Logger::ERROR,
+                           std::string("Exception processing line: ") + error.what());
             }
         }
         lineStart = newline + 1;
@@ -254,8 +256,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
     }
 
     if (linesDelivered > 0) {
-        logMessage(Logger::DEBUG, "Read " + std::to_string(linesDelivered) +
-                                      " new lines from " + filename_);
+        logMessage(Logger::DEBUG,
+                   "Read " + std::to_string(linesDelivered) + " new lines from " + filename_);
     }
     return true;
 }
@@ -270,7 +272,8 @@ bool LogReader::checkRotation() {
     struct stat info {};
     if (stat(filename_.c_str(), &info) != 0) {
         const int error = errno;
-        logMessage(Logger::DEBUG, std::string("checkRotation: stat failed - ") + std::strerror(error));
+        logMessage(Logger::DEBUG,
+                   std::string("checkRotation: stat failed - ") + std::strerror(error));
         return true;
     }
     const uint64_t currentInode = static_cast<uint64_t>(info.st_ino);
@@ -352,12 +355,14 @@ void LogReader::runMonitor(const LineCallback& callback) {
                     break;
                 }
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR, std::string("Exception in monitor loop: ") + error.what());
+                logMessage(Logger::ERROR,
+                           std::string("Exception in monitor loop: ") + error.what());
                 sleepResuming(RETRY_DELAY_SECONDS, 0);
             }
         }
     } catch (const std::exception& error) {
-        logMessage(Logger::ERROR, std::string("Fatal exception in monitor thread: ") + error.what());
+        logMessage(Logger::ERROR,
+                   std::string("Fatal exception in monitor thread: ") + error.what());
     }
     logMessage(Logger::INFO, "Monitor thread stopped for " + filename_);
 }

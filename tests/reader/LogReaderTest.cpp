@@ -1,5 +1,6 @@
 #include "reader/LogReader.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -12,7 +13,6 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <dirent.h>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -334,8 +334,7 @@ TEST_F(LogReaderTest, FirstOpenOf5000ByteFileStartsAtItsEnd) {
     ASSERT_NE(first, -1);
     ASSERT_LT(static_cast<size_t>(first + 1), lines.size());
     EXPECT_EQ(lines[first + 1], "[INFO] Opened file " + path + ", inode: " +
-                                    std::to_string(inodeOf(path)) +
-                                    ", size: 5000, position: 5000");
+                                    std::to_string(inodeOf(path)) + ", size: 5000, position: 5000");
     EXPECT_EQ(recorder->count(), 0u);
 }
 
@@ -406,8 +405,8 @@ TEST_F(LogReaderTest, ReplacementBy1023ByteFileReadsFromItsBeginning) {
     const auto lines = log();
     EXPECT_TRUE(containsLine(
         lines, "[INFO] logrotate detected (inode changed, size=1023 < ), reading from beginning"));
-    EXPECT_TRUE(containsLine(lines, "[INFO] Opened file " + path + ", inode: " +
-                                        std::to_string(inodeOf(path)) +
+    EXPECT_TRUE(containsLine(lines, "[INFO] Opened file " + path +
+                                        ", inode: " + std::to_string(inodeOf(path)) +
                                         ", size: 1023, position: 0"));
     EXPECT_FALSE(containsSubstring(lines, "File truncated"));
 }
@@ -469,8 +468,8 @@ TEST_F(LogReaderTest, ReopenOfSameInodeWithPosition300Continues) {
     EXPECT_EQ(Peer::position(*reader), 300);
     const auto lines = log();
     EXPECT_TRUE(containsLine(lines, "[INFO] Continuing from position: 300"));
-    EXPECT_TRUE(containsLine(lines, "[INFO] Opened file " + path + ", inode: " +
-                                        std::to_string(inodeOf(path)) +
+    EXPECT_TRUE(containsLine(lines, "[INFO] Opened file " + path +
+                                        ", inode: " + std::to_string(inodeOf(path)) +
                                         ", size: 350, position: 300"));
 }
 
@@ -935,8 +934,8 @@ TEST_F(LogReaderTest, CheckRotationOnRemovedPathReportsStatFailureEveryTime) {
     EXPECT_TRUE(reader->checkRotation());
     EXPECT_TRUE(reader->checkRotation());
 
-    EXPECT_EQ(countSubstring(log(), "[DEBUG] checkRotation: stat failed - No such file or directory"),
-              2);
+    EXPECT_EQ(
+        countSubstring(log(), "[DEBUG] checkRotation: stat failed - No such file or directory"), 2);
 }
 
 TEST_F(LogReaderTest, CheckRotationOnMovedAndRecreatedFileReportsInodeChange) {
@@ -1199,8 +1198,8 @@ TEST_F(LogReaderTest, RenameAndCreateRotationRetriesThenDeliversNewFileTwice) {
     ASSERT_TRUE(waitForLines(*recorder, 6));
     waitForMoreCycles(3);
 
-    EXPECT_EQ(recorder->lines(), (std::vector<std::string>{"old-1", "new-1", "new-2", "new-1",
-                                                           "new-2", "new-3"}));
+    EXPECT_EQ(recorder->lines(),
+              (std::vector<std::string>{"old-1", "new-1", "new-2", "new-1", "new-2", "new-3"}));
     const auto lines = log();
     EXPECT_TRUE(
         containsLine(lines, "[DEBUG] checkRotation: stat failed - No such file or directory"));
@@ -1226,8 +1225,8 @@ TEST_F(LogReaderTest, TruncationInPlaceRereadsShorterContentTwice) {
     ASSERT_TRUE(waitForLines(*recorder, 6));
     waitForMoreCycles(3);
 
-    EXPECT_EQ(recorder->lines(), (std::vector<std::string>{"echo", "alpha", "bravo", "alpha",
-                                                           "bravo", "foxtrot"}));
+    EXPECT_EQ(recorder->lines(),
+              (std::vector<std::string>{"echo", "alpha", "bravo", "alpha", "bravo", "foxtrot"}));
     const auto lines = log();
     EXPECT_TRUE(containsLine(lines, "[INFO] File truncated (size 12 < position 31)"));
     EXPECT_TRUE(containsLine(lines, "[INFO] File change detected, reopening..."));
