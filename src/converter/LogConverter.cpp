@@ -1,9 +1,10 @@
 #include "converter/LogConverter.h"
 
-#include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <exception>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -33,14 +34,29 @@ void logDebug(const std::string& message) {
     Logger::getInstance().log(Logger::DEBUG, message);
 }
 
-// The C classification functions take unsigned char values; bytes of invalid
-// UTF-8 would otherwise be negative.
+// The service never changes its locale, so tolower and isspace are those of
+// the C locale; answering here saves a library call per character.
 char lowerChar(char c) {
-    return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 bool isCSpace(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// One allocation of the exact size instead of one append per piece.
+std::string concat(std::initializer_list<std::string_view> pieces) {
+    std::size_t size = 0;
+    for (const std::string_view piece : pieces) {
+        size += piece.size();
+    }
+    std::string text(size, '\0');
+    char* out = text.data();
+    for (const std::string_view piece : pieces) {
+        std::memcpy(out, piece.data(), piece.size());
+        out += piece.size();
+    }
+    return text;
 }
 
 std::string lowerCopy(std::string_view text) {
@@ -251,7 +267,8 @@ std::string extractOperation(std::string_view line) {
     return operation;
 }
 
-const char* eventWord(LogConverter::EventType type) {
+// An empty word means the value has none.
+std::string_view eventWord(LogConverter::EventType type) {
     switch (type) {
         case LogConverter::EventType::EXECTL:
             return "exectl";
@@ -262,10 +279,10 @@ const char* eventWord(LogConverter::EventType type) {
         case LogConverter::EventType::UNKNOWN:
             break;
     }
-    return nullptr;
+    return {};
 }
 
-const char* statusWord(LogConverter::StatusType type) {
+std::string_view statusWord(LogConverter::StatusType type) {
     switch (type) {
         case LogConverter::StatusType::ENFORCING:
             return "enforcing";
@@ -274,7 +291,7 @@ const char* statusWord(LogConverter::StatusType type) {
         case LogConverter::StatusType::UNKNOWN:
             break;
     }
-    return nullptr;
+    return {};
 }
 
 }  // namespace
@@ -319,8 +336,8 @@ std::string LogConverter::extractQuotedField(const std::string& line, const std:
 
 LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
     ParseResult result;
-    result.spare = "";
-    result.containerId = "";
+    result.spare.clear();
+    result.containerId.clear();
     try {
         if (debugMode_) {
             logDebug("Parsing line: " + line);
@@ -444,7 +461,8 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         // equal copy, which is the one reported.
         const auto [entry, inserted] = processedLogs_.insert(std::move(key));
         if (!inserted) {
-            Logger::getInstance().log(Logger::DEBUG, "Skipping duplicate log entry: " + *entry);
+            Logger::getInstance().log(Logger::DEBUG,
+                                      concat({"Skipping duplicate log entry: ", *entry}));
             return {};
         }
         if (processedLogs_.size() > MAX_CACHE_SIZE) {
@@ -455,34 +473,17 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
 
     // A record without words keeps its key in the cache: it stays remembered
     // although nothing is written for it.
-    const char* const event = eventWord(result.eventType);
-    if (event == nullptr) {
+    const std::string_view event = eventWord(result.eventType);
+    if (event.empty()) {
         return {};
     }
-    const char* const status = statusWord(result.statusType);
-    if (status == nullptr) {
+    const std::string_view status = statusWord(result.statusType);
+    if (status.empty()) {
         return {};
     }
 
-    constexpr std::string_view containerLabel = ",container_id=";
-    constexpr std::string_view eventLabel = ",Event=";
-    constexpr std::string_view pathLabel = ",path=";
-    constexpr std::string_view statusLabel = ",status=";
-    const std::string_view eventText = event;
-    const std::string_view statusText = status;
-    std::string line;
-    line.reserve(result.timestamp.size() + containerLabel.size() + result.containerId.size() +
-                 eventLabel.size() + eventText.size() + pathLabel.size() + result.path.size() +
-                 statusLabel.size() + statusText.size());
-    line += result.timestamp;
-    line += containerLabel;
-    line += result.containerId;
-    line += eventLabel;
-    line += eventText;
-    line += pathLabel;
-    line += result.path;
-    line += statusLabel;
-    line += statusText;
+    std::string line = concat({result.timestamp, ",container_id=", result.containerId, ",Event=",
+                               event, ",path=", result.path, ",status=", status});
 
     if (debugMode_) {
         logDebug("Output: " + line);
@@ -500,15 +501,7 @@ std::string LogConverter::generateLogHash(const ParseResult& result) {
     }
     const std::string_view time =
         std::string_view(result.timestamp).substr(0, KEY_TIMESTAMP_LENGTH);
-    std::string key;
-    key.reserve(result.containerId.size() + result.path.size() + time.size() +
-                2 * KEY_SEPARATOR.size());
-    key += result.containerId;
-    key += KEY_SEPARATOR;
-    key += result.path;
-    key += KEY_SEPARATOR;
-    key += time;
-    return key;
+    return concat({result.containerId, KEY_SEPARATOR, result.path, KEY_SEPARATOR, time});
 }
 
 LogConverter::EventType LogConverter::determineEventType(const std::string& type,

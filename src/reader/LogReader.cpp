@@ -38,8 +38,8 @@ const char* findByte(const char* from, const char* end, char byte) {
 }  // namespace
 
 // Members in this order, and the explicit reset below, so that the thread lets
-// go of its reader before its callback copy: the reader may be destroyed here,
-// and its destructor must not outlive anything the callback refers to.
+// go of its reader before its callback copy: when that was the last reference,
+// the reader is destroyed while everything the callback refers to still exists.
 struct LogReader::MonitorTask {
     LogReader* reader;
     LineCallback callback;
@@ -122,8 +122,8 @@ bool LogReader::openFile() {
     if (replaced && size < ROTATION_SIZE_THRESHOLD) {
         // A small replacement is a log freshly started by rotation: read all of it.
         position_ = 0;
-        logMessage(Logger::INFO, "logrotate detected (inode changed, size=" +
-                                     std::to_string(size) + " < ), reading from beginning");
+        logMessage(Logger::INFO, "logrotate detected (inode changed, size=" + std::to_string(size) +
+                                     " < ), reading from beginning");
     } else if (replaced) {
         // A large replacement is taken to be an editor's save-by-rename: skip it.
         position_ = size;
@@ -172,7 +172,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         bytesToRead = MAX_READ_SIZE;
     }
 
-    // One zero byte past the data so that the text always ends in a terminator.
+    // One zero byte past the data so that the text always ends in a terminator. A
+    // vector because it zero-fills and is released on every path, exceptions included.
     std::vector<char> buffer;
     try {
         buffer.resize(static_cast<size_t>(bytesToRead) + 1);
@@ -206,33 +207,37 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         position_ += bytesRead;
     }
 
+    buffer[static_cast<size_t>(bytesRead)] = '\0';
     const char* const end = buffer.data() + bytesRead;
     const char* lineStart = buffer.data();
-    // Zero bytes are rare: one forward search serves every line up to the
-    // next one, instead of a second scan of each line.
-    const char* nextZero = findByte(lineStart, end, '\0');
     // Reused for every line so that the walk allocates only when a line is
     // longer than any before it.
     std::string line;
     int linesDelivered = 0;
 
     while (linesDelivered < MAX_LINES_PER_READ) {
-        const char* newline = findByte(lineStart, end, '\n');
-        if (newline == end) {
-            break;
+        // One pass finds the newline or a zero byte, whichever comes first; the
+        // zero byte after the data keeps it inside the buffer.
+        const char* const lineEnd = strchrnul(lineStart, '\n');
+        const char* newline = lineEnd;
+        if (*lineEnd == '\0') {
+            if (lineEnd == end) {
+                break;
+            }
+            // A zero byte inside the line ends it; the rest up to the newline is dropped.
+            newline = findByte(lineEnd, end, '\n');
+            if (newline == end) {
+                break;
+            }
         }
         if (newline != lineStart && !destroyed_) {
-            if (nextZero < lineStart) {
-                nextZero = findByte(lineStart, end, '\0');
-            }
-            // A zero byte inside the line ends it there; the rest up to the newline is dropped.
-            const char* lineEnd = nextZero < newline ? nextZero : newline;
             try {
                 line.assign(lineStart, static_cast<size_t>(lineEnd - lineStart));
                 callback(line);
                 ++linesDelivered;
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR, std::string("Exception processing line: ") + error.what());
+                logMessage(Logger::ERROR,
+                           std::string("Exception processing line: ") + error.what());
             }
         }
         lineStart = newline + 1;
@@ -240,11 +245,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
 
     // The unfinished tail is delivered now; its rest arrives later as a line of its own.
     if (!destroyed_ && linesDelivered < MAX_LINES_PER_READ && lineStart < end) {
-        if (nextZero < lineStart) {
-            nextZero = findByte(lineStart, end, '\0');
-        }
         try {
-            line.assign(lineStart, static_cast<size_t>(nextZero - lineStart));
+            line.assign(lineStart, std::strlen(lineStart));
             callback(line);
             ++linesDelivered;
         } catch (const std::exception& error) {
@@ -254,8 +256,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
     }
 
     if (linesDelivered > 0) {
-        logMessage(Logger::DEBUG, "Read " + std::to_string(linesDelivered) +
-                                      " new lines from " + filename_);
+        logMessage(Logger::DEBUG,
+                   "Read " + std::to_string(linesDelivered) + " new lines from " + filename_);
     }
     return true;
 }
@@ -270,7 +272,8 @@ bool LogReader::checkRotation() {
     struct stat info {};
     if (stat(filename_.c_str(), &info) != 0) {
         const int error = errno;
-        logMessage(Logger::DEBUG, std::string("checkRotation: stat failed - ") + std::strerror(error));
+        logMessage(Logger::DEBUG,
+                   std::string("checkRotation: stat failed - ") + std::strerror(error));
         return true;
     }
     const uint64_t currentInode = static_cast<uint64_t>(info.st_ino);
@@ -352,12 +355,14 @@ void LogReader::runMonitor(const LineCallback& callback) {
                     break;
                 }
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR, std::string("Exception in monitor loop: ") + error.what());
+                logMessage(Logger::ERROR,
+                           std::string("Exception in monitor loop: ") + error.what());
                 sleepResuming(RETRY_DELAY_SECONDS, 0);
             }
         }
     } catch (const std::exception& error) {
-        logMessage(Logger::ERROR, std::string("Fatal exception in monitor thread: ") + error.what());
+        logMessage(Logger::ERROR,
+                   std::string("Fatal exception in monitor thread: ") + error.what());
     }
     logMessage(Logger::INFO, "Monitor thread stopped for " + filename_);
 }

@@ -44,6 +44,8 @@ private:
     // One poll cycle; false when the reader was destroyed while a change was pending.
     bool pollOnce(const LineCallback& callback);
 
+    // Fixed 64-bit types rather than off_t and ino_t: offsets stay signed and
+    // inode numbers unsigned at 64 bits whatever the build's file-offset settings.
     std::string filename_;
     int fd_;
     int64_t position_;
