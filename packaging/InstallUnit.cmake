@@ -24,3 +24,4 @@ file(WRITE "${staged}" "${unit}")
 file(INSTALL DESTINATION "${unitdir}" TYPE FILE
      PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
      FILES "${staged}")
+file(REMOVE_RECURSE "${QLC_UNIT_STAGING}/${tag}")
