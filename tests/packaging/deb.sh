@@ -58,6 +58,10 @@ dpkg-deb -x "$deb" "$SCRATCH/root"
 grep -qx 'ExecStart=/usr/sbin/qirn-log-converter' \
     "$SCRATCH/root/usr/lib/systemd/system/qirn-log-converter.service" ||
     fail "the packaged unit does not start /usr/sbin/qirn-log-converter"
+changelog_version=$(zcat "$SCRATCH/root/usr/share/doc/qirn-log-converter/changelog.gz" |
+    sed -n '1s/^qirn-log-converter (\([^)]*\)).*/\1/p')
+[ "$changelog_version" = "$version" ] ||
+    fail "packaging/debian/changelog starts at $changelog_version: add an entry for $version"
 if readelf -S "$SCRATCH/root/usr/sbin/qirn-log-converter" | grep -q '\.debug_'; then
     fail "the packaged binary is not stripped"
 fi
