@@ -33,8 +33,19 @@ public:
     bool checkRotation();
 
 private:
+    // The monitor thread's function object; defined beside the thread body.
+    struct MonitorTask;
+    // Tests inspect the members and set destroyed_ without destroying the object.
+    friend class LogReaderTestPeer;
+
     explicit LogReader(const std::string& filename);
 
+    void runMonitor(const LineCallback& callback);
+    // One poll cycle; false when the reader was destroyed while a change was pending.
+    bool pollOnce(const LineCallback& callback);
+
+    // Fixed 64-bit types rather than off_t and ino_t: offsets stay signed and
+    // inode numbers unsigned at 64 bits whatever the build's file-offset settings.
     std::string filename_;
     int fd_;
     int64_t position_;

@@ -21,6 +21,8 @@ public:
     void closeFile();
 
 private:
+    friend class LogWriterTestPeer;
+
     std::string filename_;
     FILE* file_ = nullptr;
     std::mutex mutex_;

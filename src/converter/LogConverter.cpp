@@ -1,0 +1,577 @@
+#include "converter/LogConverter.h"
+
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <initializer_list>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "logging/Logger.h"
+
+namespace {
+
+constexpr std::string_view TYPE_MARKER = "type=";
+constexpr std::string_view AVC_TYPE = "QIRN_AVC";
+constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
+constexpr std::string_view CONTAINER_ID_KEY = "container_id";
+constexpr std::string_view PROC_PATH_KEY = "proc_path";
+constexpr std::string_view STAMP_MARKER = "audit(";
+constexpr std::string_view NAME_MARKER = "name=";
+constexpr std::string_view STATUS_MARKER = "avc:";
+constexpr std::string_view KEY_SEPARATOR = "|";
+constexpr std::size_t KEY_TIMESTAMP_LENGTH = 16;
+// Stamps above this are milliseconds; exactly this value still counts as seconds.
+constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
+constexpr long long MILLISECONDS_PER_SECOND = 1000;
+constexpr std::size_t TIME_BUFFER_SIZE = 256;
+constexpr const char* TIME_FORMAT = "%b %d %H:%M:%S";
+
+void logDebug(const std::string& message) {
+    Logger::getInstance().log(Logger::DEBUG, message);
+}
+
+// The service never changes its locale, so tolower and isspace are those of
+// the C locale; answering here saves a library call per character.
+char lowerChar(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool isCSpace(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// One allocation of the exact size instead of one append per piece.
+std::string concat(std::initializer_list<std::string_view> pieces) {
+    std::size_t size = 0;
+    for (const std::string_view piece : pieces) {
+        size += piece.size();
+    }
+    std::string text(size, '\0');
+    char* out = text.data();
+    for (const std::string_view piece : pieces) {
+        std::memcpy(out, piece.data(), piece.size());
+        out += piece.size();
+    }
+    return text;
+}
+
+std::string lowerCopy(std::string_view text) {
+    std::string lowered(text);
+    for (char& c : lowered) {
+        c = lowerChar(c);
+    }
+    return lowered;
+}
+
+// Compares as if `text` had been lower-cased first; `lowered` is already lower
+// case. Avoids a copy per classified line.
+bool equalsLowered(std::string_view text, std::string_view lowered) {
+    if (text.size() != lowered.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (lowerChar(text[i]) != lowered[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool containsLowered(std::string_view text, std::string_view lowered) {
+    if (lowered.size() > text.size()) {
+        return false;
+    }
+    for (std::size_t start = 0; start + lowered.size() <= text.size(); ++start) {
+        if (equalsLowered(text.substr(start, lowered.size()), lowered)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The value after the first "type=", up to the next blank; only a blank ends it.
+// Returns false when the line has no "type=" at all.
+bool findAuditType(std::string_view line, std::string_view& type) {
+    const std::size_t marker = line.find(TYPE_MARKER);
+    if (marker == std::string_view::npos) {
+        return false;
+    }
+    const std::size_t start = marker + TYPE_MARKER.size();
+    const std::size_t end = line.find(' ', start);
+    type = line.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    return true;
+}
+
+bool isFieldDelimiter(char c) {
+    return c == ' ' || c == '\t' || c == ',' || c == ':';
+}
+
+// First occurrence of key immediately followed by "=", without building the
+// needle; the position returned is just after the "=".
+std::size_t findValueStart(std::string_view line, std::string_view key) {
+    std::size_t position = line.find(key);
+    while (position != std::string_view::npos) {
+        const std::size_t equals = position + key.size();
+        if (equals < line.size() && line[equals] == '=') {
+            return equals + 1;
+        }
+        position = line.find(key, position + 1);
+    }
+    return std::string_view::npos;
+}
+
+std::string_view fieldValue(std::string_view line, std::string_view key) {
+    const std::size_t start = findValueStart(line, key);
+    if (start == std::string_view::npos || start >= line.size()) {
+        return {};
+    }
+    if (line[start] == '"') {
+        const std::size_t valueStart = start + 1;
+        if (valueStart >= line.size()) {
+            return {};
+        }
+        const std::size_t closing = line.find('"', valueStart);
+        if (closing == std::string_view::npos) {
+            return {};
+        }
+        return line.substr(valueStart, closing - valueStart);
+    }
+    std::size_t end = start;
+    while (end < line.size() && !isFieldDelimiter(line[end])) {
+        ++end;
+    }
+    return line.substr(start, end - start);
+}
+
+// Reads the leading integer the way std::stoll does in base 10 (leading white
+// space, an optional sign, then digits), but on a view and without exceptions.
+bool parseLeadingInteger(std::string_view text, long long& value) {
+    std::size_t i = 0;
+    while (i < text.size() && isCSpace(text[i])) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+        negative = text[i] == '-';
+        ++i;
+    }
+    // Accumulated as a negative number so that the minimum value fits.
+    constexpr long long lowest = std::numeric_limits<long long>::min();
+    long long accumulated = 0;
+    bool anyDigit = false;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+        const int digit = text[i] - '0';
+        if (accumulated < (lowest + digit) / 10) {
+            return false;
+        }
+        accumulated = accumulated * 10 - digit;
+        anyDigit = true;
+    }
+    if (!anyDigit) {
+        return false;
+    }
+    if (!negative) {
+        if (accumulated == lowest) {
+            return false;
+        }
+        accumulated = -accumulated;
+    }
+    value = accumulated;
+    return true;
+}
+
+std::string formatStamp(std::string_view text) {
+    long long seconds = 0;
+    if (!parseLeadingInteger(text, seconds)) {
+        return {};
+    }
+    if (seconds > MILLISECONDS_THRESHOLD) {
+        seconds /= MILLISECONDS_PER_SECOND;
+    }
+    // localtime_r instead of localtime: same result without the shared static
+    // buffer. No cache of the last second: a tzset() after a TZ change would
+    // not reach it, and the conversion is a small part of a matching line.
+    const time_t time = static_cast<time_t>(seconds);
+    struct tm local {};
+    if (localtime_r(&time, &local) == nullptr) {
+        return {};
+    }
+    char buffer[TIME_BUFFER_SIZE];
+    const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
+    return std::string(buffer, length);
+}
+
+// The text between "audit(" and the next ":" (or, lacking one, the next ")").
+bool findStamp(std::string_view line, std::string_view& stamp) {
+    const std::size_t marker = line.find(STAMP_MARKER);
+    if (marker == std::string_view::npos) {
+        return false;
+    }
+    const std::size_t start = marker + STAMP_MARKER.size();
+    if (start >= line.size()) {
+        return false;
+    }
+    std::size_t end = line.find(':', start);
+    if (end == std::string_view::npos) {
+        end = line.find(')', start);
+    }
+    if (end == std::string_view::npos) {
+        return false;
+    }
+    stamp = line.substr(start, end - start);
+    return !stamp.empty();
+}
+
+// Unlike fieldValue, an unquoted name ends only at a blank: commas, colons and
+// tabs are part of a file name.
+std::string_view nameValue(std::string_view line) {
+    const std::size_t marker = line.find(NAME_MARKER);
+    if (marker == std::string_view::npos) {
+        return {};
+    }
+    const std::size_t start = marker + NAME_MARKER.size();
+    if (start >= line.size()) {
+        return {};
+    }
+    if (line[start] == '"') {
+        const std::size_t closing = line.find('"', start + 1);
+        if (closing == std::string_view::npos) {
+            return {};
+        }
+        return line.substr(start + 1, closing - start - 1);
+    }
+    const std::size_t end = line.find(' ', start);
+    return line.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+}
+
+// Contents of the first braces, white space removed and lower-cased.
+std::string extractOperation(std::string_view line) {
+    std::string operation;
+    const std::size_t open = line.find('{');
+    if (open == std::string_view::npos) {
+        return operation;
+    }
+    const std::size_t close = line.find('}', open + 1);
+    if (close == std::string_view::npos) {
+        return operation;
+    }
+    for (const char c : line.substr(open + 1, close - open - 1)) {
+        if (!isCSpace(c)) {
+            operation += lowerChar(c);
+        }
+    }
+    return operation;
+}
+
+// An empty word means the value has none.
+std::string_view eventWord(LogConverter::EventType type) {
+    switch (type) {
+        case LogConverter::EventType::EXECTL:
+            return "exectl";
+        case LogConverter::EventType::FILECTL:
+            return "filectl";
+        case LogConverter::EventType::NETCTL:
+            return "netctl";
+        case LogConverter::EventType::UNKNOWN:
+            break;
+    }
+    return {};
+}
+
+std::string_view statusWord(LogConverter::StatusType type) {
+    switch (type) {
+        case LogConverter::StatusType::ENFORCING:
+            return "enforcing";
+        case LogConverter::StatusType::PERMISSIVE:
+            return "permissive";
+        case LogConverter::StatusType::UNKNOWN:
+            break;
+    }
+    return {};
+}
+
+}  // namespace
+
+bool LogConverter::debugMode_ = false;
+
+LogConverter& LogConverter::getInstance() {
+    static LogConverter instance;
+    return instance;
+}
+
+void LogConverter::setDebugMode(bool enabled) {
+    debugMode_ = enabled;
+}
+
+LogConverter::LogConverter() {
+    Logger::getInstance().log(Logger::INFO, "LogConverter initialized");
+}
+
+LogConverter::~LogConverter() {
+    processedLogs_.clear();
+    fieldCache_.clear();
+}
+
+bool LogConverter::shouldProcess(const std::string& line) {
+    std::string_view type;
+    if (!findAuditType(line, type)) {
+        return false;
+    }
+    return type == AVC_TYPE || type == NETCTL_TYPE;
+}
+
+std::string LogConverter::extractField(const std::string& line, const std::string& key) {
+    return std::string(fieldValue(line, key));
+}
+
+std::string LogConverter::extractQuotedField(const std::string& line, const std::string& key) {
+    // Quotes are already handled by extractField; this stays a separate entry
+    // point because the parser uses it as its second attempt.
+    return extractField(line, key);
+}
+
+LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
+    ParseResult result;
+    result.spare.clear();
+    result.containerId.clear();
+    try {
+        if (debugMode_) {
+            logDebug("Parsing line: " + line);
+        }
+        if (!shouldProcess(line)) {
+            if (debugMode_) {
+                logDebug("Line should not be processed");
+            }
+            return result;
+        }
+
+        const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
+        if (containerId.empty()) {
+            if (debugMode_) {
+                logDebug("container_id field not found in log, skipping");
+            }
+            return result;
+        }
+        result.containerId = containerId;
+        if (debugMode_) {
+            logDebug("Container ID from container_id field: " + result.containerId);
+        }
+
+        std::string_view stamp;
+        if (!findStamp(line, stamp)) {
+            if (debugMode_) {
+                logDebug("No timestamp found");
+            }
+            return result;
+        }
+        result.timestamp = formatStamp(stamp);
+        if (result.timestamp.empty()) {
+            if (debugMode_) {
+                logDebug("Failed to convert timestamp");
+            }
+            return result;
+        }
+        if (debugMode_) {
+            logDebug("Converted timestamp: " + result.timestamp);
+        }
+
+        std::string_view typeView;
+        if (!findAuditType(line, typeView) || typeView.empty()) {
+            if (debugMode_) {
+                logDebug("No type found");
+            }
+            return result;
+        }
+        const std::string type(typeView);
+        if (debugMode_) {
+            logDebug("Type: " + type);
+        }
+
+        if (type == AVC_TYPE) {
+            result.path = nameValue(line);
+        } else if (type == NETCTL_TYPE) {
+            std::string procPath(fieldValue(line, PROC_PATH_KEY));
+            if (procPath.empty()) {
+                // The second attempt gives the same result; it is the parser's
+                // established order and costs nothing on a line that has the field.
+                procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
+            }
+            if (!procPath.empty()) {
+                result.path = std::move(procPath);
+                if (debugMode_) {
+                    logDebug("NETCTL path extracted from proc_path: " + result.path);
+                }
+            }
+        }
+        if (result.path.empty()) {
+            if (debugMode_) {
+                logDebug("No path found");
+            }
+            return result;
+        }
+        if (debugMode_) {
+            logDebug("Path: " + result.path);
+        }
+
+        const std::string operation = extractOperation(line);
+        if (debugMode_) {
+            logDebug("Operation: " + operation);
+        }
+
+        result.eventType = determineEventType(type, operation);
+        if (result.eventType == EventType::UNKNOWN) {
+            if (debugMode_) {
+                logDebug("Unknown event type: type=" + type + ", operation=" + operation);
+            }
+            return result;
+        }
+
+        result.statusType = determineStatusType(line);
+        if (result.statusType == StatusType::UNKNOWN) {
+            if (debugMode_) {
+                logDebug("Unknown status");
+            }
+            return result;
+        }
+
+        result.valid = true;
+        if (debugMode_) {
+            logDebug("Parse successful - container_id: " + result.containerId + ", type: " + type +
+                     ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
+                     ", path: " + result.path + ", status: " +
+                     std::to_string(static_cast<int32_t>(result.statusType)));
+        }
+    } catch (const std::exception& e) {
+        Logger::getInstance().log(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
+    }
+    return result;
+}
+
+std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
+    if (!result.valid) {
+        return {};
+    }
+    std::string key = generateLogHash(result);
+    if (!key.empty()) {
+        // Moved into the set when new; on a duplicate the set keeps its own,
+        // equal copy, which is the one reported.
+        const auto [entry, inserted] = processedLogs_.insert(std::move(key));
+        if (!inserted) {
+            Logger::getInstance().log(Logger::DEBUG,
+                                      concat({"Skipping duplicate log entry: ", *entry}));
+            return {};
+        }
+        if (processedLogs_.size() > MAX_CACHE_SIZE) {
+            processedLogs_.clear();
+            Logger::getInstance().log(Logger::DEBUG, "Cleared duplicate cache (size limit reached)");
+        }
+    }
+
+    // A record without words keeps its key in the cache: it stays remembered
+    // although nothing is written for it.
+    const std::string_view event = eventWord(result.eventType);
+    if (event.empty()) {
+        return {};
+    }
+    const std::string_view status = statusWord(result.statusType);
+    if (status.empty()) {
+        return {};
+    }
+
+    std::string line = concat({result.timestamp, ",container_id=", result.containerId, ",Event=",
+                               event, ",path=", result.path, ",status=", status});
+
+    if (debugMode_) {
+        logDebug("Output: " + line);
+    }
+    return line;
+}
+
+std::string LogConverter::convertTimestamp(const std::string& text) {
+    return formatStamp(text);
+}
+
+std::string LogConverter::generateLogHash(const ParseResult& result) {
+    if (!result.valid) {
+        return {};
+    }
+    const std::string_view time =
+        std::string_view(result.timestamp).substr(0, KEY_TIMESTAMP_LENGTH);
+    return concat({result.containerId, KEY_SEPARATOR, result.path, KEY_SEPARATOR, time});
+}
+
+LogConverter::EventType LogConverter::determineEventType(const std::string& type,
+                                                         const std::string& operation) {
+    if (equalsLowered(type, "qirn_netctl")) {
+        if (debugMode_) {
+            logDebug("Type is QIRN_NETCTL -> netctl");
+        }
+        return EventType::NETCTL;
+    }
+    if (equalsLowered(type, "qirn_avc")) {
+        if (containsLowered(operation, "exec") || containsLowered(operation, "interpret")) {
+            if (debugMode_) {
+                logDebug("Operation is exec/interpret -> exectl");
+            }
+            return EventType::EXECTL;
+        }
+        if (containsLowered(operation, "write") || containsLowered(operation, "truncate") ||
+            containsLowered(operation, "setattr") || containsLowered(operation, "unlink") ||
+            containsLowered(operation, "rename")) {
+            if (debugMode_) {
+                logDebug("Operation is write/truncate/setattr/unlink/rename -> filectl");
+            }
+            return EventType::FILECTL;
+        }
+    }
+    // Also the message for an access-vector line whose operation matched
+    // nothing, although its type is supported.
+    if (debugMode_) {
+        logDebug("Unsupported type: " + type);
+    }
+    return EventType::UNKNOWN;
+}
+
+LogConverter::StatusType LogConverter::determineStatusType(const std::string& line) {
+    const std::string_view text = line;
+    const std::size_t marker = text.find(STATUS_MARKER);
+    if (marker == std::string_view::npos) {
+        if (debugMode_) {
+            logDebug("No 'avc:' found in line");
+        }
+        return StatusType::UNKNOWN;
+    }
+    std::size_t start = marker + STATUS_MARKER.size();
+    while (start < text.size() && (text[start] == ' ' || text[start] == '\t')) {
+        ++start;
+    }
+    std::size_t end = start;
+    while (end < text.size() && text[end] != ' ' && text[end] != '\t' && text[end] != ':') {
+        ++end;
+    }
+    // A comma does not end the word, so "denied," still counts as denied.
+    const std::string_view word = text.substr(start, end - start);
+    if (debugMode_) {
+        logDebug("Extracted status word: " + std::string(word));
+    }
+
+    if (containsLowered(word, "denied")) {
+        if (debugMode_) {
+            logDebug("Status mapping (contains denied): " + lowerCopy(word) + " -> enforcing");
+        }
+        return StatusType::ENFORCING;
+    }
+    if (containsLowered(word, "detect")) {
+        if (debugMode_) {
+            logDebug("Status mapping (contains detect): " + lowerCopy(word) + " -> permissive");
+        }
+        return StatusType::PERMISSIVE;
+    }
+    Logger::getInstance().log(Logger::ERROR, "Unexpected status word (neither denied nor detect): " +
+                                                 lowerCopy(word) + " in line: " + line);
+    return StatusType::UNKNOWN;
+}

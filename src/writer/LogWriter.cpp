@@ -1,0 +1,121 @@
+#include "writer/LogWriter.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/Sleep.h"
+#include "logging/Logger.h"
+
+namespace {
+
+// One retry per line, after this pause: while the output cannot be opened the
+// service slows down to one attempt per line every 100 ms.
+constexpr long REOPEN_RETRY_DELAY = 100000000;  // nanoseconds
+
+}  // namespace
+
+LogWriter::LogWriter(const std::string& filename) : filename_(filename) {
+    // A failed open is not fatal: the first writeLine tries again.
+    openFile(true);
+}
+
+LogWriter::~LogWriter() {
+    if (file_ != nullptr) {
+        std::fflush(file_);
+        std::fclose(file_);
+        file_ = nullptr;
+    }
+}
+
+bool LogWriter::openFile(bool append) {
+    std::lock_guard<std::mutex> lock(mutex_);
+
+    if (file_ != nullptr) {
+        std::fflush(file_);
+        std::fclose(file_);
+        file_ = nullptr;
+    }
+
+    const char* mode = append ? "a" : "w";
+    file_ = std::fopen(filename_.c_str(), mode);
+    if (file_ == nullptr) {
+        lastError_ = std::strerror(errno);
+        Logger::getInstance().log(Logger::ERROR,
+                                  "Failed to open output file: " + filename_ + " - " + lastError_);
+        return false;
+    }
+
+    std::setvbuf(file_, nullptr, _IOLBF, 0);
+    struct stat info {};
+    if (stat(filename_.c_str(), &info) == 0) {
+        inode_ = static_cast<uint64_t>(info.st_ino);
+        fileSize_ = static_cast<int64_t>(info.st_size);
+    }
+    Logger::getInstance().log(Logger::INFO, "Opened output file: " + filename_ + " (mode: " +
+                                                mode + ")");
+    return true;
+}
+
+bool LogWriter::checkAndReopen() {
+    if (file_ == nullptr) {
+        return false;
+    }
+    struct stat info {};
+    if (stat(filename_.c_str(), &info) != 0) {
+        return false;
+    }
+    if (static_cast<uint64_t>(info.st_ino) != inode_) {
+        // A new file at the path starts afresh: whatever it already holds is
+        // discarded.
+        Logger::getInstance().log(Logger::INFO, "Output file rotated, reopening...");
+        return openFile(false);
+    }
+    // Larger than expected means another writer appended; that is accepted.
+    if (static_cast<int64_t>(info.st_size) >= fileSize_) {
+        return true;
+    }
+    Logger::getInstance().log(Logger::INFO, "Output file truncated, reopening...");
+    return openFile(true);
+}
+
+bool LogWriter::writeLine(const std::string& line) {
+    if (line.empty()) {
+        return true;
+    }
+    if (!checkAndReopen()) {
+        sleepResuming(0, REOPEN_RETRY_DELAY);
+        if (!openFile(true)) {
+            return false;
+        }
+    }
+
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (file_ == nullptr) {
+        return false;
+    }
+    if (std::fprintf(file_, "%s\n", line.c_str()) < 0) {
+        lastError_ = std::strerror(errno);
+        Logger::getInstance().log(Logger::ERROR, "Failed to write to file: " + lastError_);
+        return false;
+    }
+    std::fflush(file_);
+    fileSize_ += static_cast<int64_t>(line.size()) + 1;
+    return true;
+}
+
+void LogWriter::flush() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (file_ != nullptr) {
+        std::fflush(file_);
+    }
+}
+
+void LogWriter::closeFile() {
+    if (file_ != nullptr) {
+        std::fflush(file_);
+        std::fclose(file_);
+        file_ = nullptr;
+    }
+}

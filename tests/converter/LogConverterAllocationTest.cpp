@@ -1,0 +1,159 @@
+// Counts every heap allocation of the test program by replacing the global
+// allocation functions, to prove that a line of another type costs none. The
+// same hook can fail one chosen allocation, the only way to make the parser
+// meet a standard exception.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "converter/LogConverter.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+std::atomic<std::size_t> allocationCount{0};
+// When positive, the allocation that brings it to zero fails.
+std::atomic<long> failingAllocation{0};
+
+}  // namespace
+
+// The array and nothrow forms of the library forward to these. Kept out of
+// line: inlined, the free() inside would look mismatched with the new.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    allocationCount.fetch_add(1, std::memory_order_relaxed);
+    if (failingAllocation.load(std::memory_order_relaxed) > 0 &&
+        failingAllocation.fetch_sub(1, std::memory_order_relaxed) == 1) {
+        throw std::bad_alloc();
+    }
+    if (void* block = std::malloc(size == 0 ? 1 : size)) {
+        return block;
+    }
+    throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    std::free(block);
+}
+
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}
+
+namespace {
+
+constexpr int ROUNDS = 1000;
+
+const std::string SYSCALL_LINE =
+    "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
+    "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
+    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" exe=\"/usr/bin/bash\" "
+    "key=(null)";
+
+// Allocations made by parsing and converting `line` ROUNDS times, the way the
+// line callback does.
+std::size_t allocationsFor(const std::string& line) {
+    LogConverter& converter = LogConverter::getInstance();
+    const std::size_t before = allocationCount.load();
+    for (int i = 0; i < ROUNDS; ++i) {
+        const LogConverter::ParseResult result = converter.parseLine(line);
+        if (result.valid) {
+            converter.convertToOutputFormat(result);
+        }
+    }
+    return allocationCount.load() - before;
+}
+
+class LogConverterAllocationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        testing_support::initLogger(logPath_, true);
+        LogConverter::setDebugMode(false);
+        LogConverter::getInstance();
+    }
+    void TearDown() override { failingAllocation.store(0); }
+
+    std::vector<std::string> diagnostics() const {
+        return testing_support::stripTimestamps(testing_support::readLines(logPath_));
+    }
+
+    testing_support::TempDir dir_;
+    std::string logPath_ = dir_.file("converter.log");
+};
+
+TEST_F(LogConverterAllocationTest, CounterSeesAllocations) {
+    const std::size_t before = allocationCount.load();
+    // Called directly: a new-expression whose result is unused may be elided.
+    void* block = ::operator new(64);
+    ::operator delete(block);
+    EXPECT_EQ(1u, allocationCount.load() - before);
+}
+
+TEST_F(LogConverterAllocationTest, LineOfOtherTypeAllocatesNothing) {
+    EXPECT_EQ(0u, allocationsFor(SYSCALL_LINE));
+}
+
+TEST_F(LogConverterAllocationTest, LineWithoutTypeAllocatesNothing) {
+    EXPECT_EQ(0u, allocationsFor("msg=audit(1731676205.123:1): avc:  denied  { write } name=/a"));
+}
+
+TEST_F(LogConverterAllocationTest, LineWithTypeAtItsEndAllocatesNothing) {
+    EXPECT_EQ(0u, allocationsFor("msg=audit(1731676205.123:1): container_id=x type="));
+}
+
+TEST_F(LogConverterAllocationTest, OneMebibyteLineOfOtherTypeAllocatesNothing) {
+    const std::string line = "type=SYSCALL " + std::string(1 << 20, 'x');
+    EXPECT_EQ(0u, allocationsFor(line));
+}
+
+TEST_F(LogConverterAllocationTest, RejectedLineAllocatesWhenTracing) {
+    // The converse: with the trace on, the messages are built.
+    LogConverter::setDebugMode(true);
+    EXPECT_LT(0u, allocationsFor(SYSCALL_LINE));
+}
+
+TEST_F(LogConverterAllocationTest, ExceptionInParseIsLoggedAndRecordReturnedAsItStands) {
+    // With the trace off, the path is the first text too long to be stored
+    // inline, so it is the parser's first allocation.
+    const std::string line =
+        "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } "
+        "name=/var/lib/containers/storage/overlay/file container_id=exc1";
+    failingAllocation.store(1);
+
+    const LogConverter::ParseResult result = LogConverter::getInstance().parseLine(line);
+
+    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_FALSE(result.valid);
+    EXPECT_EQ("exc1", result.containerId);
+    EXPECT_TRUE(testing_support::containsLine(diagnostics(),
+                                              "[ERROR] Exception in parseLine: std::bad_alloc"));
+}
+
+TEST_F(LogConverterAllocationTest, ExceptionAfterSuccessStillReturnsValidRecord) {
+    LogConverter::setDebugMode(true);
+    const std::string line =
+        "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } name=/a "
+        "container_id=exc2";
+    LogConverter& converter = LogConverter::getInstance();
+    converter.parseLine(line);
+    const std::size_t before = allocationCount.load();
+    converter.parseLine(line);
+    const std::size_t perParse = allocationCount.load() - before;
+    ASSERT_LT(0u, perParse);
+    // The last allocation of a traced parse is made for the success message,
+    // after the record has been marked valid.
+    failingAllocation.store(static_cast<long>(perParse));
+
+    const LogConverter::ParseResult result = converter.parseLine(line);
+
+    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_TRUE(result.valid);
+    EXPECT_TRUE(testing_support::containsLine(diagnostics(),
+                                              "[ERROR] Exception in parseLine: std::bad_alloc"));
+}
+
+}  // namespace

@@ -1,0 +1,204 @@
+#include "writer/LogWriter.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "logging/Logger.h"
+#include "support/TestSupport.h"
+
+using namespace testing_support;
+
+class LogWriterTestPeer {
+public:
+    static int64_t fileSize(const LogWriter& writer) { return writer.fileSize_; }
+    static bool isOpen(const LogWriter& writer) { return writer.file_ != nullptr; }
+};
+
+namespace {
+
+class LogWriterTest : public ::testing::Test {
+protected:
+    void SetUp() override { initLogger(dir_.file("diag.log"), true); }
+
+    std::vector<std::string> messages() const { return stripTimestamps(readLines(dir_.file("diag.log"))); }
+
+    TempDir dir_;
+};
+
+TEST_F(LogWriterTest, ConstructorOpensInAppendModeAndKeepsExistingContent) {
+    const std::string path = dir_.file("out.log");
+    writeFile(path, "old\n");
+
+    LogWriter writer(path);
+
+    EXPECT_TRUE(LogWriterTestPeer::isOpen(writer));
+    EXPECT_EQ(4, LogWriterTestPeer::fileSize(writer));
+    EXPECT_TRUE(containsLine(messages(), "[INFO] Opened output file: " + path + " (mode: a)"));
+    ASSERT_TRUE(writer.writeLine("new"));
+    EXPECT_EQ("old\nnew\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, MissingDirectoryLogsErrorAndEveryWriteRetriesOnceAndFails) {
+    const std::string path = dir_.file("missing/out.log");
+    const std::string error = "[ERROR] Failed to open output file: " + path +
+                              " - No such file or directory";
+
+    LogWriter writer(path);
+    EXPECT_FALSE(LogWriterTestPeer::isOpen(writer));
+    EXPECT_EQ(1, countSubstring(messages(), error));
+
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(writer.writeLine("a"));
+    const auto elapsed = std::chrono::steady_clock::now() - before;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(100));
+    EXPECT_EQ(2, countSubstring(messages(), error));
+
+    EXPECT_FALSE(writer.writeLine("b"));
+    EXPECT_EQ(3, countSubstring(messages(), error));
+    EXPECT_FALSE(fileExists(path));
+}
+
+TEST_F(LogWriterTest, OneCharacterLineGrowsFileAndExpectedSizeByTwo) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    const int64_t expectedBefore = LogWriterTestPeer::fileSize(writer);
+
+    ASSERT_TRUE(writer.writeLine("x"));
+
+    EXPECT_EQ(2, fileSize(path));
+    EXPECT_EQ(expectedBefore + 2, LogWriterTestPeer::fileSize(writer));
+    EXPECT_EQ("x\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, EmptyLineReturnsTrueAndTouchesNothing) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("first"));
+    // Removing the file shows that no check is made: a check would recreate it.
+    ASSERT_EQ(0, unlink(path.c_str()));
+
+    EXPECT_TRUE(writer.writeLine(""));
+
+    EXPECT_FALSE(fileExists(path));
+    EXPECT_EQ(6, LogWriterTestPeer::fileSize(writer));
+}
+
+TEST_F(LogWriterTest, RenamedAwayAndRecreatedFileIsReopenedInWriteMode) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("before"));
+    ASSERT_EQ(0, std::rename(path.c_str(), dir_.file("out.log.1").c_str()));
+    writeFile(path, "");
+
+    ASSERT_TRUE(writer.writeLine("after"));
+
+    const auto lines = messages();
+    EXPECT_TRUE(containsLine(lines, "[INFO] Output file rotated, reopening..."));
+    EXPECT_TRUE(containsLine(lines, "[INFO] Opened output file: " + path + " (mode: w)"));
+    EXPECT_EQ("after\n", readFile(path));
+    EXPECT_EQ("before\n", readFile(dir_.file("out.log.1")));
+}
+
+TEST_F(LogWriterTest, ReplacementWithContentIsEmptiedByTheWriteModeReopen) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("before"));
+    ASSERT_EQ(0, std::rename(path.c_str(), dir_.file("out.log.1").c_str()));
+    writeFile(path, "someone else's content\n");
+
+    ASSERT_TRUE(writer.writeLine("after"));
+
+    EXPECT_EQ("after\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, TruncationToZeroReopensInAppendModeAndWritesAtTheStart) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("one"));
+    ASSERT_TRUE(writer.writeLine("two"));
+    ASSERT_EQ(0, truncate(path.c_str(), 0));
+
+    ASSERT_TRUE(writer.writeLine("three"));
+
+    const auto lines = messages();
+    EXPECT_TRUE(containsLine(lines, "[INFO] Output file truncated, reopening..."));
+    EXPECT_EQ(2, countSubstring(lines, "[INFO] Opened output file: " + path + " (mode: a)"));
+    EXPECT_EQ("three\n", readFile(path));
+    EXPECT_EQ(6, LogWriterTestPeer::fileSize(writer));
+}
+
+TEST_F(LogWriterTest, AppendByAnotherProcessCausesNoReopen) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("ours"));
+    appendFile(path, "theirs\n");
+
+    ASSERT_TRUE(writer.writeLine("ours again"));
+
+    const auto lines = messages();
+    EXPECT_FALSE(containsSubstring(lines, "reopening..."));
+    EXPECT_EQ(1, countSubstring(lines, "Opened output file: "));
+    EXPECT_EQ("ours\ntheirs\nours again\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, DeletedFileIsCreatedAgainAfterAPause) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("gone"));
+    ASSERT_EQ(0, unlink(path.c_str()));
+
+    const auto before = std::chrono::steady_clock::now();
+    ASSERT_TRUE(writer.writeLine("back"));
+    const auto elapsed = std::chrono::steady_clock::now() - before;
+
+    EXPECT_GE(elapsed, std::chrono::milliseconds(100));
+    EXPECT_EQ("back\n", readFile(path));
+    EXPECT_EQ(2, countSubstring(messages(), "[INFO] Opened output file: " + path + " (mode: a)"));
+}
+
+TEST_F(LogWriterTest, LineWithZeroByteWritesOnlyItsHeadAndNextWriteSeesATruncation) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    const std::string line("ab\0cd", 5);
+
+    ASSERT_TRUE(writer.writeLine(line));
+
+    EXPECT_EQ("ab\n", readFile(path));
+    EXPECT_EQ(6, LogWriterTestPeer::fileSize(writer));
+    EXPECT_FALSE(containsSubstring(messages(), "Output file truncated"));
+
+    ASSERT_TRUE(writer.writeLine("next"));
+
+    EXPECT_TRUE(containsLine(messages(), "[INFO] Output file truncated, reopening..."));
+    EXPECT_EQ("ab\nnext\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, CloseFileThenWriteReopensInAppendMode) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    ASSERT_TRUE(writer.writeLine("one"));
+
+    writer.closeFile();
+    EXPECT_FALSE(LogWriterTestPeer::isOpen(writer));
+    writer.closeFile();  // closing twice is harmless
+
+    ASSERT_TRUE(writer.writeLine("two"));
+    EXPECT_EQ("one\ntwo\n", readFile(path));
+}
+
+TEST_F(LogWriterTest, EveryLineIsOnDiskWhenWriteLineReturns) {
+    const std::string path = dir_.file("out.log");
+    LogWriter writer(path);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(writer.writeLine("line " + std::to_string(i)));
+        EXPECT_EQ(static_cast<size_t>(i + 1), readLines(path).size());
+    }
+    writer.flush();
+    EXPECT_EQ("line 0\nline 1\nline 2\nline 3\nline 4\n", readFile(path));
+}
+
+}  // namespace
