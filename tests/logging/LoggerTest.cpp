@@ -210,10 +210,10 @@ TEST_F(LoggerTest, InitWithDebugWritesDebugModeEnabledInTheHeader) {
     initQuietly(true);
 
     const auto messages = stripTimestamps(logLines());
-    EXPECT_EQ((std::vector<std::string>{"[INFO] Logger initialized",
-                                        "[INFO] Log file: " + logPath(),
-                                        "[INFO] Debug mode: enabled"}),
-              messages);
+    EXPECT_EQ(
+        (std::vector<std::string>{"[INFO] Logger initialized", "[INFO] Log file: " + logPath(),
+                                  "[INFO] Debug mode: enabled"}),
+        messages);
 }
 
 TEST_F(LoggerTest, InitPrintsOpenedAndLoggerInitializedWithTheHeaderTimestamp) {
@@ -317,13 +317,11 @@ TEST_F(LoggerTest, InitUnderAReadOnlyLocationReportsTheOpenErrorOnStandardError)
     });
 
     EXPECT_EQ(0, result.exitCode);
-    EXPECT_EQ(
-        "ERROR: Cannot open log file: /qlc-ro/diag.log (errno: 30 - Read-only file system)\n",
-        result.stderrText);
+    EXPECT_EQ("ERROR: Cannot open log file: /qlc-ro/diag.log (errno: 30 - Read-only file system)\n",
+              result.stderrText);
     // The touch attempt's own complaint comes first, on standard output.
-    EXPECT_TRUE(matches(result.stdoutText,
-                        "touch: [^\n]*/qlc-ro/diag.log[^\n]*\n" + TIMESTAMP +
-                            " \\[INFO\\] Logger initialized\n"))
+    EXPECT_TRUE(matches(result.stdoutText, "touch: [^\n]*/qlc-ro/diag.log[^\n]*\n" + TIMESTAMP +
+                                               " \\[INFO\\] Logger initialized\n"))
         << result.stdoutText;
 }
 
