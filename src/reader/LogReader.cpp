@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -33,6 +34,43 @@ void logMessage(Logger::Level level, const std::string& message) {
 const char* findByte(const char* from, const char* end, char byte) {
     const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
     return found != nullptr ? static_cast<const char*>(found) : end;
+}
+
+// Leaves elements uninitialised when a vector grows. The read buffer is
+// filled by read() at once and whatever read() leaves untouched is zeroed
+// right after it, so the buffer ends up exactly as a zero-filled one would,
+// without every byte being written twice. Allocation, its failures and the
+// vector's size limit stay those of std::allocator.
+template <typename T>
+struct UninitialisedAllocator {
+    using value_type = T;
+
+    UninitialisedAllocator() noexcept = default;
+    template <typename U>
+    UninitialisedAllocator(const UninitialisedAllocator<U>& /*other*/) noexcept {}
+
+    T* allocate(size_t count) { return std::allocator<T>().allocate(count); }
+    void deallocate(T* pointer, size_t count) noexcept {
+        std::allocator<T>().deallocate(pointer, count);
+    }
+    template <typename U>
+    void construct(U* pointer) noexcept {
+        ::new (static_cast<void*>(pointer)) U;
+    }
+    template <typename U, typename... Args>
+    void construct(U* pointer, Args&&... args) {
+        ::new (static_cast<void*>(pointer)) U(std::forward<Args>(args)...);
+    }
+};
+
+template <typename T, typename U>
+bool operator==(const UninitialisedAllocator<T>& /*a*/, const UninitialisedAllocator<U>& /*b*/) {
+    return true;
+}
+
+template <typename T, typename U>
+bool operator!=(const UninitialisedAllocator<T>& /*a*/, const UninitialisedAllocator<U>& /*b*/) {
+    return false;
 }
 
 }  // namespace
@@ -173,7 +211,7 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
     }
 
     // One zero byte past the data so that the text always ends in a terminator.
-    std::vector<char> buffer;
+    std::vector<char, UninitialisedAllocator<char>> buffer;
     try {
         buffer.resize(static_cast<size_t>(bytesToRead) + 1);
     } catch (const std::bad_alloc&) {
@@ -201,6 +239,7 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         }
         return false;
     }
+    std::fill(buffer.begin() + bytesRead, buffer.end(), '\0');
     if (advancePosition) {
         // Whole reads only: a trailing partial line is not re-read later.
         position_ += bytesRead;
