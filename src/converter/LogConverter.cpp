@@ -1,6 +1,7 @@
 #include "converter/LogConverter.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -81,22 +82,21 @@ bool equalsLowered(std::string_view text, std::string_view lowered) {
     return true;
 }
 
-bool containsLowered(std::string_view text, std::string_view lowered) {
-    if (lowered.size() > text.size()) {
-        return false;
-    }
-    for (std::size_t start = 0; start + lowered.size() <= text.size(); ++start) {
-        if (equalsLowered(text.substr(start, lowered.size()), lowered)) {
-            return true;
-        }
-    }
-    return false;
+bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
+
+bool startsWith(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           std::memcmp(text.data(), prefix.data(), prefix.size()) == 0;
 }
 
 // The value after the first "type=", up to the next blank; only a blank ends it.
 // Returns false when the line has no "type=" at all.
 bool findAuditType(std::string_view line, std::string_view& type) {
-    const std::size_t marker = line.find(TYPE_MARKER);
+    // Audit records begin with "type=": checking the start first spares a
+    // search on nearly every line, and gives the same first occurrence.
+    const std::size_t marker = startsWith(line, TYPE_MARKER) ? 0 : line.find(TYPE_MARKER);
     if (marker == std::string_view::npos) {
         return false;
     }
@@ -184,6 +184,48 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     return true;
 }
 
+// The last second converted on this thread, with the TZ setting it was
+// converted under.
+struct LastConversion {
+    bool filled = false;
+    time_t seconds = 0;
+    bool zoneSet = false;
+    std::string zone;
+    std::string text;
+};
+
+bool sameZone(const LastConversion& last, const char* zone) {
+    return zone == nullptr ? !last.zoneSet : last.zoneSet && last.zone == zone;
+}
+
+// Audit records come in bursts within one second, and localtime_r with
+// strftime is the largest part of converting a matching line, so the text of
+// the last second is reused. It is the text a fresh conversion gives as long
+// as neither the zone nor the LC_TIME locale changed since: the service
+// changes neither after start, and a process that switches zones with
+// setenv("TZ") and tzset() changes the TZ value, which is part of the key.
+// Per thread, so that conversions share no state.
+std::string localTimeText(time_t seconds) {
+    thread_local LastConversion last;
+    const char* const zone = std::getenv("TZ");
+    if (last.filled && last.seconds == seconds && sameZone(last, zone)) {
+        return last.text;
+    }
+    // localtime_r instead of localtime: same result without the shared static buffer.
+    struct tm local {};
+    if (localtime_r(&seconds, &local) == nullptr) {
+        return {};
+    }
+    char buffer[TIME_BUFFER_SIZE];
+    const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
+    last.text.assign(buffer, length);
+    last.seconds = seconds;
+    last.zoneSet = zone != nullptr;
+    last.zone.assign(zone != nullptr ? zone : "");
+    last.filled = true;
+    return last.text;
+}
+
 std::string formatStamp(std::string_view text) {
     long long seconds = 0;
     if (!parseLeadingInteger(text, seconds)) {
@@ -192,17 +234,7 @@ std::string formatStamp(std::string_view text) {
     if (seconds > MILLISECONDS_THRESHOLD) {
         seconds /= MILLISECONDS_PER_SECOND;
     }
-    // localtime_r instead of localtime: same result without the shared static
-    // buffer. No cache of the last second: a tzset() after a TZ change would
-    // not reach it, and the conversion is a small part of a matching line.
-    const time_t time = static_cast<time_t>(seconds);
-    struct tm local {};
-    if (localtime_r(&time, &local) == nullptr) {
-        return {};
-    }
-    char buffer[TIME_BUFFER_SIZE];
-    const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
-    return std::string(buffer, length);
+    return localTimeText(static_cast<time_t>(seconds));
 }
 
 // The text between "audit(" and the next ":" (or, lacking one, the next ")").
@@ -336,6 +368,8 @@ std::string LogConverter::extractQuotedField(const std::string& line, const std:
 
 LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
     ParseResult result;
+    // Both start empty; clear() makes the reset without the library call that
+    // assigning "" costs on every line, most of which are rejected at once.
     result.spare.clear();
     result.containerId.clear();
     try {
@@ -513,15 +547,18 @@ LogConverter::EventType LogConverter::determineEventType(const std::string& type
         return EventType::NETCTL;
     }
     if (equalsLowered(type, "qirn_avc")) {
-        if (containsLowered(operation, "exec") || containsLowered(operation, "interpret")) {
+        // Lower-cased once, then searched for each word: an operation is short
+        // enough to stay in the string's own buffer.
+        const std::string lowered = lowerCopy(operation);
+        if (contains(lowered, "exec") || contains(lowered, "interpret")) {
             if (debugMode_) {
                 logDebug("Operation is exec/interpret -> exectl");
             }
             return EventType::EXECTL;
         }
-        if (containsLowered(operation, "write") || containsLowered(operation, "truncate") ||
-            containsLowered(operation, "setattr") || containsLowered(operation, "unlink") ||
-            containsLowered(operation, "rename")) {
+        if (contains(lowered, "write") || contains(lowered, "truncate") ||
+            contains(lowered, "setattr") || contains(lowered, "unlink") ||
+            contains(lowered, "rename")) {
             if (debugMode_) {
                 logDebug("Operation is write/truncate/setattr/unlink/rename -> filectl");
             }
@@ -559,19 +596,20 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
         logDebug("Extracted status word: " + std::string(word));
     }
 
-    if (containsLowered(word, "denied")) {
+    const std::string lowered = lowerCopy(word);
+    if (contains(lowered, "denied")) {
         if (debugMode_) {
-            logDebug("Status mapping (contains denied): " + lowerCopy(word) + " -> enforcing");
+            logDebug("Status mapping (contains denied): " + lowered + " -> enforcing");
         }
         return StatusType::ENFORCING;
     }
-    if (containsLowered(word, "detect")) {
+    if (contains(lowered, "detect")) {
         if (debugMode_) {
-            logDebug("Status mapping (contains detect): " + lowerCopy(word) + " -> permissive");
+            logDebug("Status mapping (contains detect): " + lowered + " -> permissive");
         }
         return StatusType::PERMISSIVE;
     }
     Logger::getInstance().log(Logger::ERROR, "Unexpected status word (neither denied nor detect): " +
-                                                 lowerCopy(word) + " in line: " + line);
+                                                 lowered + " in line: " + line);
     return StatusType::UNKNOWN;
 }
