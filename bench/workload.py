@@ -249,7 +249,8 @@ EXECUTABLES = ("/usr/bin/bash", "/usr/bin/python3", "/usr/bin/curl", "/usr/sbin/
                "/usr/bin/node", "/usr/local/bin/app-server", "/usr/bin/wget", "/usr/bin/sh",
                "/usr/lib/jvm/java-17/bin/java", "/usr/bin/perl", "/usr/bin/ssh", "/usr/bin/tar")
 SENSITIVE_PATHS = ("/etc/passwd", "/etc/shadow", "/etc/hosts", "/etc/resolv.conf",
-                   "/etc/sudoers", "/etc/ssh/sshd_config", "/root/.bashrc", "/root/.ssh/authorized_keys",
+                   "/etc/sudoers", "/etc/ssh/sshd_config", "/root/.bashrc",
+                   "/root/.ssh/authorized_keys",
                    "/usr/bin/python3", "/usr/bin/perl", "/usr/bin/sh", "/tmp/payload.sh",
                    "/var/run/docker.sock", "/proc/sys/kernel/core_pattern", "/etc/crontab",
                    "/etc/ld.so.preload", "/usr/lib/x86_64-linux-gnu/libc.so.6", "/bin/busybox",
@@ -416,7 +417,8 @@ class Generator:
                 kind = "netctl"
             else:
                 kind = "avc"
-                path = self.rng.choice(SPACED_PATHS if self.rng.random() < 0.05 else SENSITIVE_PATHS)
+                spaced = self.rng.random() < 0.05
+                path = self.rng.choice(SPACED_PATHS if spaced else SENSITIVE_PATHS)
             if (container, path) not in self.used_keys:
                 self.used_keys.add((container, path))
                 return container, path, kind
