@@ -87,6 +87,26 @@ bool looksLikeEvent(const std::string& line) {
            line.compare(line.size() - 17, 17, ",status=enforcing") == 0;
 }
 
+// The lines of a sanitizer report that say what and where, on one line.
+std::string reportSummary(const std::string& report) {
+    std::string summary;
+    size_t start = 0;
+    while (start < report.size()) {
+        size_t end = report.find('\n', start);
+        if (end == std::string::npos) {
+            end = report.size();
+        }
+        const std::string line = report.substr(start, end - start);
+        if (line.find("ERROR: ") != std::string::npos ||
+            line.find("WARNING: ") != std::string::npos ||
+            line.find(" thread T") != std::string::npos || line.find("    #") == 0) {
+            summary += (summary.empty() ? "" : " | ") + line;
+        }
+        start = end + 1;
+    }
+    return summary.empty() ? report : summary;
+}
+
 struct RoundResult {
     Outcome outcome = Outcome::CLEAN;
     Outcome fault = Outcome::CLEAN;  // what a shutdown-window hit looked like
@@ -203,7 +223,7 @@ TEST(StopUnderLoadTest, SigtermWhileLinesStreamInEndsCleanlyEveryTime) {
         if (result.outcome == Outcome::SHUTDOWN_WINDOW) {
             ++counts[result.fault];
             std::printf("shutdown window hit: %s (exit %d): %s\n", outcomeName(result.fault),
-                        result.exitCode, result.detail.substr(0, 600).c_str());
+                        result.exitCode, reportSummary(result.detail).substr(0, 600).c_str());
         } else if (result.outcome != Outcome::CLEAN) {
             ADD_FAILURE() << outcomeName(result.outcome) << " (exit " << result.exitCode
                           << "): " << result.detail.substr(0, 4000);
