@@ -34,8 +34,7 @@ std::string syscallLine(int64_t seconds) {
 }
 
 std::string avcLine(int64_t seconds, int serial) {
-    return "type=QIRN_AVC msg=audit(" + std::to_string(seconds) + ".123:" +
-           std::to_string(serial) +
+    return "type=QIRN_AVC msg=audit(" + std::to_string(seconds) + ".123:" + std::to_string(serial) +
            "): avc:  denied  { write } for  pid=1234 comm=\"bash\" name=\"/etc/app/file-" +
            std::to_string(serial % 1000) +
            "\" dev=\"sda1\" ino=5678 container_id=3f2a9c0b1d2e "

@@ -6,7 +6,6 @@
 //
 // Prints the number of input lines and of lines written.
 
-
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -32,8 +31,7 @@ int main(int argc, char* argv[]) {
     }
 
     WriterHolder writer = std::make_unique<LogWriter>(output);
-    const LogReader::LineCallback callback =
-        makeLineCallback(LogConverter::getInstance(), writer);
+    const LogReader::LineCallback callback = makeLineCallback(LogConverter::getInstance(), writer);
     // One reused string, as the reader passes them on.
     std::string line;
     for (const std::string& text : lines) {

@@ -103,8 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     untouched.input = "in";
     untouched.output = "out";
     untouched.debug = true;
-    FUZZ_CHECK(!loadConfig(configPath + ".absent", untouched.input, untouched.output,
-                           untouched.debug));
+    FUZZ_CHECK(
+        !loadConfig(configPath + ".absent", untouched.input, untouched.output, untouched.debug));
     FUZZ_CHECK(untouched.input == "in" && untouched.output == "out" && untouched.debug);
     return 0;
 }

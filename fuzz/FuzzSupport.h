@@ -11,13 +11,13 @@
 
 #include "logging/Logger.h"
 
-#define FUZZ_CHECK(condition)                                                               \
-    do {                                                                                    \
-        if (!(condition)) {                                                                 \
-            std::fprintf(stderr, "fuzz check failed at %s:%d: %s\n", __FILE__, __LINE__,    \
-                         #condition);                                                       \
-            std::abort();                                                                   \
-        }                                                                                   \
+#define FUZZ_CHECK(condition)                                                            \
+    do {                                                                                 \
+        if (!(condition)) {                                                              \
+            std::fprintf(stderr, "fuzz check failed at %s:%d: %s\n", __FILE__, __LINE__, \
+                         #condition);                                                    \
+            std::abort();                                                                \
+        }                                                                                \
     } while (false)
 
 namespace fuzz_support {

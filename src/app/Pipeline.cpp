@@ -39,10 +39,9 @@ LogReader::LineCallback makeLineCallback(LogConverter& converter, WriterHolder& 
         processedCount.fetch_add(1);
         ++outputCount;
         if (outputCount % PROGRESS_INTERVAL == 0) {
-            Logger::getInstance().log(Logger::INFO,
-                                      "Processed " + std::to_string(outputCount) +
-                                          " lines (total: " + std::to_string(processedCount.load()) +
-                                          ")");
+            Logger::getInstance().log(
+                Logger::INFO, "Processed " + std::to_string(outputCount) +
+                                  " lines (total: " + std::to_string(processedCount.load()) + ")");
         }
     };
 }

@@ -32,10 +32,10 @@ void signalHandler(int signum) {
     try {
         // Logging here is not async-signal-safe; the service accepts that to
         // leave a record of why it stopped.
-        Logger::getInstance().log(Logger::INFO,
-                                  "Received signal " + std::to_string(signum) + ", shutting down...");
-        Logger::getInstance().log(Logger::INFO, "Total processed lines: " +
-                                                    std::to_string(processedCount.load()));
+        Logger::getInstance().log(
+            Logger::INFO, "Received signal " + std::to_string(signum) + ", shutting down...");
+        Logger::getInstance().log(
+            Logger::INFO, "Total processed lines: " + std::to_string(processedCount.load()));
     } catch (...) {
     }
     running.store(false);
@@ -119,7 +119,8 @@ int main(int argc, char* argv[]) {
     }
 
     const std::string runningMessage = "Log converter is running. Press Ctrl+C to stop.";
-    const std::string scopeMessage = "Processing QIRN_AVC and QIRN_NETCTL logs with container_id field";
+    const std::string scopeMessage =
+        "Processing QIRN_AVC and QIRN_NETCTL logs with container_id field";
     logger.log(Logger::INFO, runningMessage);
     logger.log(Logger::INFO, scopeMessage);
     std::cout << runningMessage << std::endl;

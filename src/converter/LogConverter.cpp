@@ -31,19 +31,13 @@ constexpr long long MILLISECONDS_PER_SECOND = 1000;
 constexpr std::size_t TIME_BUFFER_SIZE = 256;
 constexpr const char* TIME_FORMAT = "%b %d %H:%M:%S";
 
-void logDebug(const std::string& message) {
-    Logger::getInstance().log(Logger::DEBUG, message);
-}
+void logDebug(const std::string& message) { Logger::getInstance().log(Logger::DEBUG, message); }
 
 // The service never changes its locale, so tolower and isspace are those of
 // the C locale; answering here saves a library call per character.
-char lowerChar(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
+char lowerChar(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool isCSpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
+bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // One allocation of the exact size instead of one append per piece.
 std::string concat(std::initializer_list<std::string_view> pieces) {
@@ -106,9 +100,7 @@ bool findAuditType(std::string_view line, std::string_view& type) {
     return true;
 }
 
-bool isFieldDelimiter(char c) {
-    return c == ' ' || c == '\t' || c == ',' || c == ':';
-}
+bool isFieldDelimiter(char c) { return c == ' ' || c == '\t' || c == ',' || c == ':'; }
 
 // First occurrence of key immediately followed by "=", without building the
 // needle; the position returned is just after the "=".
@@ -335,9 +327,7 @@ LogConverter& LogConverter::getInstance() {
     return instance;
 }
 
-void LogConverter::setDebugMode(bool enabled) {
-    debugMode_ = enabled;
-}
+void LogConverter::setDebugMode(bool enabled) { debugMode_ = enabled; }
 
 LogConverter::LogConverter() {
     Logger::getInstance().log(Logger::INFO, "LogConverter initialized");
@@ -476,11 +466,12 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
         if (debugMode_) {
             logDebug("Parse successful - container_id: " + result.containerId + ", type: " + type +
                      ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
-                     ", path: " + result.path + ", status: " +
-                     std::to_string(static_cast<int32_t>(result.statusType)));
+                     ", path: " + result.path +
+                     ", status: " + std::to_string(static_cast<int32_t>(result.statusType)));
         }
     } catch (const std::exception& e) {
-        Logger::getInstance().log(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
+        Logger::getInstance().log(Logger::ERROR,
+                                  std::string("Exception in parseLine: ") + e.what());
     }
     return result;
 }
@@ -501,7 +492,8 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         }
         if (processedLogs_.size() > MAX_CACHE_SIZE) {
             processedLogs_.clear();
-            Logger::getInstance().log(Logger::DEBUG, "Cleared duplicate cache (size limit reached)");
+            Logger::getInstance().log(Logger::DEBUG,
+                                      "Cleared duplicate cache (size limit reached)");
         }
     }
 
@@ -516,8 +508,8 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         return {};
     }
 
-    std::string line = concat({result.timestamp, ",container_id=", result.containerId, ",Event=",
-                               event, ",path=", result.path, ",status=", status});
+    std::string line = concat({result.timestamp, ",container_id=", result.containerId,
+                               ",Event=", event, ",path=", result.path, ",status=", status});
 
     if (debugMode_) {
         logDebug("Output: " + line);
@@ -525,9 +517,7 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
     return line;
 }
 
-std::string LogConverter::convertTimestamp(const std::string& text) {
-    return formatStamp(text);
-}
+std::string LogConverter::convertTimestamp(const std::string& text) { return formatStamp(text); }
 
 std::string LogConverter::generateLogHash(const ParseResult& result) {
     if (!result.valid) {
@@ -609,7 +599,8 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
         }
         return StatusType::PERMISSIVE;
     }
-    Logger::getInstance().log(Logger::ERROR, "Unexpected status word (neither denied nor detect): " +
-                                                 lowered + " in line: " + line);
+    Logger::getInstance().log(
+        Logger::ERROR,
+        "Unexpected status word (neither denied nor detect): " + lowered + " in line: " + line);
     return StatusType::UNKNOWN;
 }

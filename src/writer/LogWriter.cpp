@@ -56,8 +56,8 @@ bool LogWriter::openFile(bool append) {
         inode_ = static_cast<uint64_t>(info.st_ino);
         fileSize_ = static_cast<int64_t>(info.st_size);
     }
-    Logger::getInstance().log(Logger::INFO, "Opened output file: " + filename_ + " (mode: " +
-                                                mode + ")");
+    Logger::getInstance().log(Logger::INFO,
+                              "Opened output file: " + filename_ + " (mode: " + mode + ")");
     return true;
 }
 

@@ -36,13 +36,9 @@ std::atomic<long> failingAllocation{0};
     throw std::bad_alloc();
 }
 
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    std::free(block);
-}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
 
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -51,7 +47,8 @@ constexpr int ROUNDS = 1000;
 const std::string SYSCALL_LINE =
     "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
     "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
-    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" exe=\"/usr/bin/bash\" "
+    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" "
+    "exe=\"/usr/bin/bash\" "
     "key=(null)";
 
 // Allocations made by parsing and converting `line` ROUNDS times, the way the

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -36,7 +36,8 @@ const std::string NETCTL_LINE =
 const std::string SYSCALL_LINE =
     "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
     "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
-    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" exe=\"/usr/bin/bash\" "
+    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" "
+    "exe=\"/usr/bin/bash\" "
     "key=(null)";
 
 // Sets TZ for the scope of one check and puts the previous setting back, so
@@ -213,7 +214,8 @@ TEST_F(LogConverterTest, UnquotedFieldEndsAtBlankTabAndColon) {
 }
 
 TEST_F(LogConverterTest, QuotedFieldKeepsBlanks) {
-    EXPECT_EQ("abc def", converter().extractField("a=1 container_id=\"abc def\" b=2", "container_id"));
+    EXPECT_EQ("abc def",
+              converter().extractField("a=1 container_id=\"abc def\" b=2", "container_id"));
     EXPECT_EQ("a,b:c", converter().extractField("container_id=\"a,b:c\"", "container_id"));
 }
 
@@ -249,7 +251,8 @@ TEST_F(LogConverterTest, FieldSearchSkipsKeyNotFollowedByEquals) {
 
 TEST_F(LogConverterTest, QuotedExtractionGivesSameAsFieldExtraction) {
     EXPECT_EQ("abc", converter().extractQuotedField("a=1 container_id=abc,def", "container_id"));
-    EXPECT_EQ("abc def", converter().extractQuotedField("container_id=\"abc def\"", "container_id"));
+    EXPECT_EQ("abc def",
+              converter().extractQuotedField("container_id=\"abc def\"", "container_id"));
     EXPECT_EQ("", converter().extractQuotedField("container_id=\"abc", "container_id"));
 }
 
@@ -287,7 +290,8 @@ TEST_F(LogConverterTest, RenameOperationIsFilectl) {
 }
 
 TEST_F(LogConverterTest, EveryFileWordIsFilectl) {
-    for (const char* operation : {"write", "truncate", "setattr", "unlink", "rename", "readwrite"}) {
+    for (const char* operation :
+         {"write", "truncate", "setattr", "unlink", "rename", "readwrite"}) {
         EXPECT_EQ(EventType::FILECTL, converter().determineEventType("QIRN_AVC", operation))
             << operation;
     }
@@ -349,7 +353,8 @@ TEST_F(LogConverterTest, DetectedWithoutBlankIsPermissive) {
 TEST_F(LogConverterTest, BlanksOnlyAfterAvcGiveEmptyWordAndError) {
     LogConverter::setDebugMode(false);
     EXPECT_EQ(StatusType::UNKNOWN, converter().determineStatusType("avc:   "));
-    EXPECT_TRUE(logged("[ERROR] Unexpected status word (neither denied nor detect):  in line: avc:   "));
+    EXPECT_TRUE(
+        logged("[ERROR] Unexpected status word (neither denied nor detect):  in line: avc:   "));
 }
 
 TEST_F(LogConverterTest, LineWithoutAvcIsUnknownWithGatedMessageOnly) {
@@ -398,8 +403,9 @@ TEST_F(LogConverterTest, OnlyFirstAvcIsRead) {
 TEST_F(LogConverterTest, UnexpectedWordIsReportedLowerCased) {
     LogConverter::setDebugMode(false);
     EXPECT_EQ(StatusType::UNKNOWN, converter().determineStatusType("avc: Granted x"));
-    EXPECT_TRUE(logged(
-        "[ERROR] Unexpected status word (neither denied nor detect): granted in line: avc: Granted x"));
+    EXPECT_TRUE(
+        logged("[ERROR] Unexpected status word (neither denied nor detect): granted in line: avc: "
+               "Granted x"));
 }
 
 TEST_F(LogConverterTest, StatusTraceIsSilentWithDebugOff) {
@@ -413,9 +419,9 @@ TEST_F(LogConverterTest, StatusTraceIsSilentWithDebugOff) {
 // Timestamp conversion, each under three fixed zones
 
 TEST_F(LogConverterTest, FractionOfStampIsIgnored) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Nov 15 13:10:05"},
-                              ZoneCase{"Asia/Tokyo", "Nov 15 22:10:05"},
-                              ZoneCase{"America/New_York", "Nov 15 08:10:05"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Nov 15 13:10:05"}, ZoneCase{"Asia/Tokyo", "Nov 15 22:10:05"},
+          ZoneCase{"America/New_York", "Nov 15 08:10:05"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp("1731676205.123")) << c.zone;
         EXPECT_EQ(c.expected, converter().convertTimestamp("1731676205")) << c.zone;
@@ -423,27 +429,27 @@ TEST_F(LogConverterTest, FractionOfStampIsIgnored) {
 }
 
 TEST_F(LogConverterTest, ThirteenDigitStampIsMilliseconds) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Nov 15 13:10:05"},
-                              ZoneCase{"Asia/Tokyo", "Nov 15 22:10:05"},
-                              ZoneCase{"America/New_York", "Nov 15 08:10:05"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Nov 15 13:10:05"}, ZoneCase{"Asia/Tokyo", "Nov 15 22:10:05"},
+          ZoneCase{"America/New_York", "Nov 15 08:10:05"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp("1731676205123")) << c.zone;
     }
 }
 
 TEST_F(LogConverterTest, ThresholdItselfCountsAsSeconds) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Nov 20 17:46:40"},
-                              ZoneCase{"Asia/Tokyo", "Nov 21 02:46:40"},
-                              ZoneCase{"America/New_York", "Nov 20 12:46:40"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Nov 20 17:46:40"}, ZoneCase{"Asia/Tokyo", "Nov 21 02:46:40"},
+          ZoneCase{"America/New_York", "Nov 20 12:46:40"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp("10000000000")) << c.zone;
     }
 }
 
 TEST_F(LogConverterTest, JustAboveThresholdIsDividedByThousand) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Apr 26 17:46:40"},
-                              ZoneCase{"Asia/Tokyo", "Apr 27 02:46:40"},
-                              ZoneCase{"America/New_York", "Apr 26 13:46:40"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Apr 26 17:46:40"}, ZoneCase{"Asia/Tokyo", "Apr 27 02:46:40"},
+          ZoneCase{"America/New_York", "Apr 26 13:46:40"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp("10000000001")) << c.zone;
     }
@@ -462,9 +468,9 @@ TEST_F(LogConverterTest, NonNumericAndEmptyStampsGiveEmptyText) {
 }
 
 TEST_F(LogConverterTest, LeadingBlankIsSkipped) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Jan 01 00:00:42"},
-                              ZoneCase{"Asia/Tokyo", "Jan 01 09:00:42"},
-                              ZoneCase{"America/New_York", "Dec 31 19:00:42"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Jan 01 00:00:42"}, ZoneCase{"Asia/Tokyo", "Jan 01 09:00:42"},
+          ZoneCase{"America/New_York", "Dec 31 19:00:42"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp(" 42")) << c.zone;
         EXPECT_EQ(c.expected, converter().convertTimestamp("\t\n42")) << c.zone;
@@ -474,9 +480,9 @@ TEST_F(LogConverterTest, LeadingBlankIsSkipped) {
 }
 
 TEST_F(LogConverterTest, NegativeStampIsBeforeEpoch) {
-    for (const ZoneCase& c : {ZoneCase{"UTC", "Dec 31 23:59:59"},
-                              ZoneCase{"Asia/Tokyo", "Jan 01 08:59:59"},
-                              ZoneCase{"America/New_York", "Dec 31 18:59:59"}}) {
+    for (const ZoneCase& c :
+         {ZoneCase{"UTC", "Dec 31 23:59:59"}, ZoneCase{"Asia/Tokyo", "Jan 01 08:59:59"},
+          ZoneCase{"America/New_York", "Dec 31 18:59:59"}}) {
         ScopedTimeZone zone(c.zone);
         EXPECT_EQ(c.expected, converter().convertTimestamp("-1")) << c.zone;
     }
@@ -917,9 +923,8 @@ TEST_F(LogConverterTest, UnexpectedDecisionWordIsUnknownStatusWithError) {
     const LogConverter::ParseResult result = converter().parseLine(line);
 
     EXPECT_FALSE(result.valid);
-    EXPECT_TRUE(
-        logged("[ERROR] Unexpected status word (neither denied nor detect): granted in line: " +
-               line));
+    EXPECT_TRUE(logged(
+        "[ERROR] Unexpected status word (neither denied nor detect): granted in line: " + line));
     EXPECT_FALSE(containsSubstring(diagnostics(), "Unknown status"));
 }
 
@@ -937,9 +942,9 @@ TEST_F(LogConverterOutputTest, AvcLineBecomesOutputLine) {
 
     EXPECT_EQ("Nov 15 13:10:05,container_id=3f2a9c,Event=filectl,path=/etc/passwd,status=enforcing",
               output);
-    EXPECT_TRUE(logged(
-        "[DEBUG] Output: Nov 15 13:10:05,container_id=3f2a9c,Event=filectl,path=/etc/passwd,"
-        "status=enforcing"));
+    EXPECT_TRUE(
+        logged("[DEBUG] Output: Nov 15 13:10:05,container_id=3f2a9c,Event=filectl,path=/etc/passwd,"
+               "status=enforcing"));
 }
 
 TEST_F(LogConverterOutputTest, NetctlLineBecomesOutputLine) {
@@ -1025,19 +1030,22 @@ TEST_F(LogConverterOutputTest, DifferentSecondContainerOrPathIsNotDuplicate) {
 TEST_F(LogConverterOutputTest, CacheIsClearedByTheThousandAndFirstKey) {
     LogConverter::setDebugMode(false);
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_NE("", converter().convertToOutputFormat(makeRecord("fill" + std::to_string(i), "/a")))
+        ASSERT_NE("",
+                  converter().convertToOutputFormat(makeRecord("fill" + std::to_string(i), "/a")))
             << i;
     }
     // All thousand keys are still held.
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_EQ("", converter().convertToOutputFormat(makeRecord("fill" + std::to_string(i), "/a")))
+        ASSERT_EQ("",
+                  converter().convertToOutputFormat(makeRecord("fill" + std::to_string(i), "/a")))
             << i;
     }
     EXPECT_FALSE(containsSubstring(diagnostics(), "Cleared duplicate cache"));
 
     EXPECT_EQ("Nov 15 13:10:05,container_id=fill1000,Event=filectl,path=/a,status=enforcing",
               converter().convertToOutputFormat(makeRecord("fill1000", "/a")));
-    EXPECT_EQ(1, countSubstring(diagnostics(), "[DEBUG] Cleared duplicate cache (size limit reached)"));
+    EXPECT_EQ(
+        1, countSubstring(diagnostics(), "[DEBUG] Cleared duplicate cache (size limit reached)"));
 
     EXPECT_EQ("Nov 15 13:10:05,container_id=fill0,Event=filectl,path=/a,status=enforcing",
               converter().convertToOutputFormat(makeRecord("fill0", "/a")));
@@ -1046,8 +1054,8 @@ TEST_F(LogConverterOutputTest, CacheIsClearedByTheThousandAndFirstKey) {
 }
 
 TEST_F(LogConverterOutputTest, BadEventValueIsNotWrittenButKeyIsCached) {
-    EXPECT_EQ("", converter().convertToOutputFormat(makeRecord(
-                      "bad1", "/a", static_cast<EventType>(7), StatusType::ENFORCING)));
+    EXPECT_EQ("", converter().convertToOutputFormat(
+                      makeRecord("bad1", "/a", static_cast<EventType>(7), StatusType::ENFORCING)));
     EXPECT_EQ("", converter().convertToOutputFormat(makeRecord("bad1", "/a")));
 }
 
@@ -1058,8 +1066,8 @@ TEST_F(LogConverterOutputTest, UnknownEventValueIsNotWrittenButKeyIsCached) {
 }
 
 TEST_F(LogConverterOutputTest, BadStatusValueIsNotWrittenButKeyIsCached) {
-    EXPECT_EQ("", converter().convertToOutputFormat(makeRecord(
-                      "bad3", "/a", EventType::FILECTL, static_cast<StatusType>(-1))));
+    EXPECT_EQ("", converter().convertToOutputFormat(
+                      makeRecord("bad3", "/a", EventType::FILECTL, static_cast<StatusType>(-1))));
     EXPECT_EQ("", converter().convertToOutputFormat(makeRecord("bad3", "/a")));
 }
 
@@ -1075,11 +1083,10 @@ TEST_F(LogConverterOutputTest, KeyJoinsContainerPathAndTime) {
 
 TEST_F(LogConverterOutputTest, KeyTakesAtMostSixteenCharactersOfTime) {
     EXPECT_EQ("c|/p|0123456789abcdef",
-              converter().generateLogHash(makeRecord("c", "/p", EventType::FILECTL,
-                                                     StatusType::ENFORCING,
-                                                     "0123456789abcdefXYZ")));
+              converter().generateLogHash(makeRecord(
+                  "c", "/p", EventType::FILECTL, StatusType::ENFORCING, "0123456789abcdefXYZ")));
     EXPECT_EQ("c|/p|short", converter().generateLogHash(makeRecord(
-                                 "c", "/p", EventType::FILECTL, StatusType::ENFORCING, "short")));
+                                "c", "/p", EventType::FILECTL, StatusType::ENFORCING, "short")));
 }
 
 TEST_F(LogConverterOutputTest, KeyOfInvalidRecordIsEmpty) {
@@ -1113,7 +1120,8 @@ TEST_F(LogConverterTest, NulByteInTypeValueRejectsLine) {
 
 TEST_F(LogConverterTest, NulByteEndsStampDigits) {
     const LogConverter::ParseResult result = converter().parseLine(
-        "type=QIRN_AVC msg=audit(42\0" "99:1): avc:  denied  { write } name=/a container_id=nul2"s);
+        "type=QIRN_AVC msg=audit(42\0"
+        "99:1): avc:  denied  { write } name=/a container_id=nul2"s);
 
     EXPECT_TRUE(result.valid);
     EXPECT_EQ("Jan 01 00:00:42", result.timestamp);
@@ -1144,9 +1152,9 @@ TEST_F(LogConverterTest, InvalidUtf8InOperationIsLeftAsIs) {
 
 TEST_F(LogConverterTest, InvalidUtf8StatusWordIsUnexpected) {
     EXPECT_EQ(StatusType::UNKNOWN, converter().determineStatusType("avc: \xff\xfe x"));
-    EXPECT_TRUE(logged(
-        "[ERROR] Unexpected status word (neither denied nor detect): \xff\xfe in line: avc: "
-        "\xff\xfe x"));
+    EXPECT_TRUE(
+        logged("[ERROR] Unexpected status word (neither denied nor detect): \xff\xfe in line: avc: "
+               "\xff\xfe x"));
 }
 
 TEST_F(LogConverterOutputTest, OneMebibytePathIsKeptWhole) {

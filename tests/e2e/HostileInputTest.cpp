@@ -77,8 +77,8 @@ protected:
     void appendAndWaitForRead(const std::string& content) {
         appendFile(runner_.inputPath(), content);
         const long long end = fileSize(runner_.inputPath());
-        ASSERT_TRUE(waitUntil([&] { return readOffset(runner_.pid(), SERVICE_INPUT) == end; },
-                              seconds(60)))
+        ASSERT_TRUE(
+            waitUntil([&] { return readOffset(runner_.pid(), SERVICE_INPUT) == end; }, seconds(60)))
             << "read offset " << readOffset(runner_.pid(), SERVICE_INPUT) << " of " << end;
     }
 
@@ -87,11 +87,11 @@ protected:
         const std::string container = "after" + std::to_string(index);
         appendAndWaitForRead(avcLine(BASE_TIME + index, container, "/ok") + "\n");
         const int64_t second = 5 + index;
-        const std::string time = "Nov 15 13:10:" + std::string(second < 10 ? "0" : "") +
-                                 std::to_string(second);
+        const std::string time =
+            "Nov 15 13:10:" + std::string(second < 10 ? "0" : "") + std::to_string(second);
         const std::string expected = expectedLine(time, container, "/ok");
-        ASSERT_TRUE(waitUntil([&] { return containsLine(readLines(runner_.outputPath()), expected); },
-                              seconds(30)))
+        ASSERT_TRUE(waitUntil(
+            [&] { return containsLine(readLines(runner_.outputPath()), expected); }, seconds(30)))
             << expected;
         EXPECT_TRUE(runner_.isRunning());
     }

@@ -141,10 +141,11 @@ TEST_F(PipelineTest, InputRotatedByRenameIsReadFromTheStartOfTheNewFileWithoutRe
     appendLines(runner_.inputPath(), {avcLine(BASE_TIME, "old", "/a")});
     ASSERT_TRUE(runner_.waitForOutputLines(1, seconds(10)));
 
-    ASSERT_EQ(0, std::rename(runner_.inputPath().c_str(), runner_.varLog("qirn_audit.log.1").c_str()));
+    ASSERT_EQ(0,
+              std::rename(runner_.inputPath().c_str(), runner_.varLog("qirn_audit.log.1").c_str()));
     ASSERT_TRUE(runner_.waitForDiag("Failed to reopen file, retrying in 1s...", seconds(10)));
-    appendLines(runner_.inputPath(), {avcLine(BASE_TIME + 1, "new", "/b"),
-                                      avcLine(BASE_TIME + 2, "new", "/c")});
+    appendLines(runner_.inputPath(),
+                {avcLine(BASE_TIME + 1, "new", "/b"), avcLine(BASE_TIME + 2, "new", "/c")});
 
     ASSERT_TRUE(runner_.waitForOutputLines(3, seconds(10)));
     ASSERT_TRUE(runner_.waitForDiag("logrotate detected (inode changed, size=", seconds(10)));
@@ -271,8 +272,10 @@ TEST_F(PipelineTest, InputThatNeverAppearsEndsStartupWithStatusOne) {
     ASSERT_TRUE(runner_.waitForExit(seconds(60), &exitCode));
     EXPECT_EQ(1, exitCode);
     const auto messages = runner_.diagMessages();
-    EXPECT_TRUE(containsLine(messages, "[INFO] Waiting for file to appear: /var/log/qirn_audit.log"));
-    EXPECT_TRUE(containsLine(messages, "[ERROR] File not found after waiting: /var/log/qirn_audit.log"));
+    EXPECT_TRUE(
+        containsLine(messages, "[INFO] Waiting for file to appear: /var/log/qirn_audit.log"));
+    EXPECT_TRUE(
+        containsLine(messages, "[ERROR] File not found after waiting: /var/log/qirn_audit.log"));
     EXPECT_TRUE(containsLine(messages, "[ERROR] Failed to start monitoring"));
     EXPECT_NE(std::string::npos,
               runner_.stderrText().find("ERROR: Failed to start monitoring input file\n"));

@@ -229,13 +229,13 @@ TEST(StopUnderLoadTest, SigtermWhileLinesStreamInEndsCleanlyEveryTime) {
                           << "): " << result.detail.substr(0, 4000);
         }
     }
-    std::printf("stop under load: %d runs, %d clean, %d non-zero exit, %d crash, %d sanitizer "
-                "report (%d of these faults in the designed shutdown window), %d hung, %d broken "
-                "output, %d not started; %zu lines written\n",
-                rounds, counts[Outcome::CLEAN], counts[Outcome::NONZERO_EXIT],
-                counts[Outcome::CRASH], counts[Outcome::SANITIZER_REPORT],
-                counts[Outcome::SHUTDOWN_WINDOW], counts[Outcome::HUNG],
-                counts[Outcome::BROKEN_OUTPUT], counts[Outcome::NO_START], totalLines);
+    std::printf(
+        "stop under load: %d runs, %d clean, %d non-zero exit, %d crash, %d sanitizer "
+        "report (%d of these faults in the designed shutdown window), %d hung, %d broken "
+        "output, %d not started; %zu lines written\n",
+        rounds, counts[Outcome::CLEAN], counts[Outcome::NONZERO_EXIT], counts[Outcome::CRASH],
+        counts[Outcome::SANITIZER_REPORT], counts[Outcome::SHUTDOWN_WINDOW], counts[Outcome::HUNG],
+        counts[Outcome::BROKEN_OUTPUT], counts[Outcome::NO_START], totalLines);
     RecordProperty("runs", rounds);
     RecordProperty("clean", counts[Outcome::CLEAN]);
     RecordProperty("shutdown_window_hits", counts[Outcome::SHUTDOWN_WINDOW]);

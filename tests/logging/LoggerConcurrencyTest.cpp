@@ -77,8 +77,7 @@ void expectWholeLinesInThreadOrder(const std::vector<std::string>& lines,
                                  &index, &consumed))
             << line.substr(0, 200);
         EXPECT_EQ(levelText, level);
-        ASSERT_EQ(message(thread, index), rest.substr(rest.find("thread ")))
-            << line.substr(0, 200);
+        ASSERT_EQ(message(thread, index), rest.substr(rest.find("thread "))) << line.substr(0, 200);
         EXPECT_EQ(nextIndex[thread], index) << "thread " << thread;
         nextIndex[thread] = index + 1;
     }

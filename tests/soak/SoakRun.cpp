@@ -55,11 +55,11 @@ namespace {
 
 constexpr int64_t BASE_TIME = 1731676205;
 constexpr const char* SERVICE_INPUT = "/var/log/qirn_audit.log";
-constexpr milliseconds TICK{10};          // one batch per tick
-constexpr int DUPLICATE_EVERY = 10;       // every 10th event is appended twice
-constexpr int REPLACEMENT_EVENTS = 3;     // about 800 bytes: below 1024
-constexpr size_t CACHE_LIMIT = 1000;      // the converter's duplicate cache
-constexpr size_t CACHE_MARGIN = 300;      // lines that may follow a replacement's double read
+constexpr milliseconds TICK{10};       // one batch per tick
+constexpr int DUPLICATE_EVERY = 10;    // every 10th event is appended twice
+constexpr int REPLACEMENT_EVENTS = 3;  // about 800 bytes: below 1024
+constexpr size_t CACHE_LIMIT = 1000;   // the converter's duplicate cache
+constexpr size_t CACHE_MARGIN = 300;   // lines that may follow a replacement's double read
 constexpr int64_t PAGE = 4096;
 constexpr long long MEMORY_LIMIT_KIB = 64 * 1024;
 constexpr seconds WAIT_LIMIT{30};
@@ -405,9 +405,8 @@ private:
         const std::string marker = ",path=/e/";
         for (const std::string& line : record_) {
             const size_t at = line.find(marker);
-            const int64_t n = at == std::string::npos
-                                  ? -1
-                                  : std::atoll(line.c_str() + at + marker.size());
+            const int64_t n =
+                at == std::string::npos ? -1 : std::atoll(line.c_str() + at + marker.size());
             if (n < 0 || n >= nextEvent_ || line != expectedOutput(n)) {
                 ++malformed;
                 continue;
@@ -446,28 +445,33 @@ private:
             faultTotal += entry.second;
         }
 
-        std::printf("soak: %d s, %lld events (%lld input lines, %lld deliberate duplicates), "
-                    "%d faults injected\n",
-                    options_.durationSeconds, static_cast<long long>(nextEvent_),
-                    static_cast<long long>(linesAppended_), static_cast<long long>(duplicatesSent_),
-                    faultTotal);
+        std::printf(
+            "soak: %d s, %lld events (%lld input lines, %lld deliberate duplicates), "
+            "%d faults injected\n",
+            options_.durationSeconds, static_cast<long long>(nextEvent_),
+            static_cast<long long>(linesAppended_), static_cast<long long>(duplicatesSent_),
+            faultTotal);
         for (const auto& [name, count] : faults_) {
             std::printf("soak:   fault %-17s %d\n", name.c_str(), count);
         }
-        std::printf("soak: events lost %lld, repeated %lld, out of order %lld, malformed lines "
-                    "%lld\n",
-                    static_cast<long long>(lost), static_cast<long long>(repeated),
-                    static_cast<long long>(outOfOrder), static_cast<long long>(malformed));
-        std::printf("soak: windows avoided: %d page paddings, %d duplicates withheld at a cache "
-                    "clearing, %d replacements left empty; duplicate cache emptied %d times\n",
-                    paddings_, duplicatesAvoided_, replacementsLeftEmpty_, cacheClears_);
-        std::printf("soak: windows entered anyway: %d catch-up timeouts, %d reopen timeouts, %d "
-                    "large replacements read from their end\n",
-                    catchUpTimeouts_, reopenTimeouts_, reopens["likely vim save"]);
-        std::printf("soak: reopens: %d rotation (small new file), %d truncation, %d "
-                    "continuation, %d failed and retried\n",
-                    reopens["logrotate detected"], reopens["< previous position"],
-                    reopens["Continuing from position"], reopens["Failed to reopen file"]);
+        std::printf(
+            "soak: events lost %lld, repeated %lld, out of order %lld, malformed lines "
+            "%lld\n",
+            static_cast<long long>(lost), static_cast<long long>(repeated),
+            static_cast<long long>(outOfOrder), static_cast<long long>(malformed));
+        std::printf(
+            "soak: windows avoided: %d page paddings, %d duplicates withheld at a cache "
+            "clearing, %d replacements left empty; duplicate cache emptied %d times\n",
+            paddings_, duplicatesAvoided_, replacementsLeftEmpty_, cacheClears_);
+        std::printf(
+            "soak: windows entered anyway: %d catch-up timeouts, %d reopen timeouts, %d "
+            "large replacements read from their end\n",
+            catchUpTimeouts_, reopenTimeouts_, reopens["likely vim save"]);
+        std::printf(
+            "soak: reopens: %d rotation (small new file), %d truncation, %d "
+            "continuation, %d failed and retried\n",
+            reopens["logrotate detected"], reopens["< previous position"],
+            reopens["Continuing from position"], reopens["Failed to reopen file"]);
         std::printf("soak: diagnostic log: %d ERROR, %d WARN lines\n", errors, warnings);
         std::string descriptorText;
         for (const auto& [count, times] : descriptorCounts_) {

@@ -8,8 +8,8 @@ namespace testing_support {
 
 // An access-vector line; `decision` is the word after "avc:" ("denied" or
 // "detected"), `operation` the contents of the braces.
-inline std::string avcLine(int64_t seconds, const std::string& containerId,
-                           const std::string& path, const std::string& operation = "write",
+inline std::string avcLine(int64_t seconds, const std::string& containerId, const std::string& path,
+                           const std::string& operation = "write",
                            const std::string& decision = "denied") {
     return "type=QIRN_AVC msg=audit(" + std::to_string(seconds) + ".123:4567): avc:  " + decision +
            "  { " + operation + " } for  pid=1234 comm=\"bash\" name=\"" + path +
@@ -19,9 +19,10 @@ inline std::string avcLine(int64_t seconds, const std::string& containerId,
 }
 
 inline std::string netctlLine(int64_t seconds, const std::string& containerId,
-                              const std::string& procPath, const std::string& decision = "detected") {
-    return "type=QIRN_NETCTL msg=audit(" + std::to_string(seconds) + ".500:4568): avc:  " +
-           decision + "  { connect } for pid=99 proc_path=" + procPath +
+                              const std::string& procPath,
+                              const std::string& decision = "detected") {
+    return "type=QIRN_NETCTL msg=audit(" + std::to_string(seconds) +
+           ".500:4568): avc:  " + decision + "  { connect } for pid=99 proc_path=" + procPath +
            " container_id=" + containerId;
 }
 

@@ -108,8 +108,8 @@ void ServiceRunner::writeConfig(const std::string& content) {
 void ServiceRunner::start(const ServiceOptions& options) {
     ChildPlan plan;
     plan.varLogSource = dir_.file("varlog");
-    plan.etcOverlayOptions = "lowerdir=/etc,upperdir=" + dir_.file("etc-upper") +
-                             ",workdir=" + dir_.file("etc-work");
+    plan.etcOverlayOptions =
+        "lowerdir=/etc,upperdir=" + dir_.file("etc-upper") + ",workdir=" + dir_.file("etc-work");
     plan.stdoutPath = dir_.file("stdout.txt");
     plan.stderrPath = dir_.file("stderr.txt");
     plan.hideVarLog = options.hideVarLog;

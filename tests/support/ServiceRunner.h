@@ -55,7 +55,7 @@ public:
 
     std::string stdoutText() const;
     std::string stderrText() const;
-    std::vector<std::string> diagLines() const;  // raw diagnostic log lines
+    std::vector<std::string> diagLines() const;     // raw diagnostic log lines
     std::vector<std::string> diagMessages() const;  // the same without timestamps
     // Polls the diagnostic log until a line contains `part` (count times).
     bool waitForDiag(const std::string& part, std::chrono::milliseconds timeout, int count = 1);

@@ -24,7 +24,9 @@ class LogWriterTest : public ::testing::Test {
 protected:
     void SetUp() override { initLogger(dir_.file("diag.log"), true); }
 
-    std::vector<std::string> messages() const { return stripTimestamps(readLines(dir_.file("diag.log"))); }
+    std::vector<std::string> messages() const {
+        return stripTimestamps(readLines(dir_.file("diag.log")));
+    }
 
     TempDir dir_;
 };
@@ -44,8 +46,8 @@ TEST_F(LogWriterTest, ConstructorOpensInAppendModeAndKeepsExistingContent) {
 
 TEST_F(LogWriterTest, MissingDirectoryLogsErrorAndEveryWriteRetriesOnceAndFails) {
     const std::string path = dir_.file("missing/out.log");
-    const std::string error = "[ERROR] Failed to open output file: " + path +
-                              " - No such file or directory";
+    const std::string error =
+        "[ERROR] Failed to open output file: " + path + " - No such file or directory";
 
     LogWriter writer(path);
     EXPECT_FALSE(LogWriterTestPeer::isOpen(writer));
