@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <exception>
@@ -28,6 +29,9 @@ constexpr uint32_t STATUS_INTERVAL_SECONDS = 30;
 constexpr long SIGNAL_GRACE_NANOSECONDS = 100000000;
 
 void signalHandler(int signum) {
+    // The interrupted code may be about to read errno (the sleeps test it for
+    // EINTR to resume), so the handler leaves it as it found it.
+    const int savedErrno = errno;
     std::cout << "\nReceived signal " << signum << ", shutting down..." << std::endl;
     try {
         // Logging here is not async-signal-safe; the service accepts that to
@@ -40,6 +44,7 @@ void signalHandler(int signum) {
     }
     running.store(false);
     sleepResuming(0, SIGNAL_GRACE_NANOSECONDS);
+    errno = savedErrno;
 }
 
 }  // namespace
