@@ -161,7 +161,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
     opterr = 0;
     for (;;) {
         const int previous = optind;
-        const int option = getopt_long(argc, argv, "+qh", LONG_OPTIONS, nullptr);
+        const int option = getopt_long(argc, argv, "qh", LONG_OPTIONS, nullptr);
         if (option == -1) {
             break;
         }

@@ -139,8 +139,9 @@ void LineJudge::classifyRejected(const std::string& line, Verdict& verdict) {
     }
     if (record.path.empty()) {
         verdict.reason = Reason::NO_PATH;
-        if (detailed_) {
-            findTrace(trace(line), TYPE_TRACE, &verdict.detail);
+        std::string type;
+        if (detailed_ && findTrace(trace(line), TYPE_TRACE, &type)) {
+            verdict.detail = "type=" + type;
         }
         return;
     }

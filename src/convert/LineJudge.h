@@ -66,7 +66,8 @@ private:
                           std::string* rest);
     bool takeCaptured(std::string_view prefix, std::string* rest);
 
+    // Before the converter: its first line is captured while it is constructed.
+    std::vector<std::string> captured_;
     LogConverter& converter_;
     bool detailed_;
-    std::vector<std::string> captured_;
 };
