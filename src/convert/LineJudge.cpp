@@ -129,11 +129,12 @@ void LineJudge::classifyRejected(const std::string& line, Verdict& verdict) {
         // The record cannot tell a missing stamp from one that does not
         // convert; the converter's trace of this line can.
         const std::vector<std::string> lines = trace(line);
-        if (findTrace(lines, BAD_STAMP_TRACE, nullptr)) {
+        if (findTrace(lines, NO_STAMP_TRACE, nullptr) ||
+            !findTrace(lines, BAD_STAMP_TRACE, nullptr)) {
+            verdict.reason = Reason::NO_STAMP;
+        } else {
             verdict.reason = Reason::BAD_STAMP;
             verdict.detail = std::string(LogConverter::findAuditStamp(line).text);
-        } else {
-            verdict.reason = Reason::NO_STAMP;
         }
         return;
     }

@@ -5,9 +5,10 @@
 #include "reader/LineCutter.h"
 
 LineSource::LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber,
-                       bool deliverTail)
+                       bool deliverTail, std::size_t blockSize)
     : input_(input),
       deliverTail_(deliverTail),
+      blockSize_(blockSize > 0 ? blockSize : BLOCK_SIZE),
       bufferOffset_(startOffset),
       lines_(firstNumber - 1),
       resumeOffset_(startOffset),
@@ -15,7 +16,7 @@ LineSource::LineSource(InputStream& input, int64_t startOffset, uint64_t firstNu
       stopped_(false) {}
 
 bool LineSource::run(const Handler& handler) {
-    buffer_.resize(BLOCK_SIZE + 1);
+    buffer_.resize(blockSize_ + 1);
     std::size_t carried = 0;  // unfinished line kept at the start of the buffer
     bool skipping = false;    // inside a line longer than MAX_LINE_SIZE
     Line tooLong{};
@@ -49,11 +50,11 @@ bool LineSource::run(const Handler& handler) {
     };
 
     for (;;) {
-        if (buffer_.size() < carried + BLOCK_SIZE + 1) {
-            buffer_.resize(carried + BLOCK_SIZE + 1);
+        if (buffer_.size() < carried + blockSize_ + 1) {
+            buffer_.resize(carried + blockSize_ + 1);
         }
         char* const data = buffer_.data();
-        const ssize_t got = input_.read(data + carried, BLOCK_SIZE);
+        const ssize_t got = input_.read(data + carried, blockSize_);
         if (got < 0) {
             return false;
         }

@@ -12,7 +12,7 @@
 
 class LineSource {
 public:
-    static constexpr std::size_t BLOCK_SIZE = 4u << 20;
+    static constexpr std::size_t BLOCK_SIZE = 128u << 10;
     // The most the service reads in one poll; a longer line is not held.
     static constexpr std::size_t MAX_LINE_SIZE = 10485760;
 
@@ -28,7 +28,9 @@ public:
 
     // `firstNumber` is the number of the line at `startOffset`. With
     // `deliverTail`, bytes after the last newline at the end are one more line.
-    LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber, bool deliverTail);
+    // A smaller block only serves tests of lines that span blocks.
+    LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber, bool deliverTail,
+               std::size_t blockSize = BLOCK_SIZE);
 
     // False when reading failed (the input's error() says why).
     bool run(const Handler& handler);
@@ -41,6 +43,7 @@ public:
 private:
     InputStream& input_;
     bool deliverTail_;
+    std::size_t blockSize_;
     std::vector<char> buffer_;
     int64_t bufferOffset_;  // input offset of buffer_[0]
     uint64_t lines_;        // lines numbered so far

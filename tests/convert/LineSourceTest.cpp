@@ -137,3 +137,26 @@ TEST(LineSourceTest, StopLeavesTheRefusedLineUnread) {
     EXPECT_EQ(source.resumeOffset(), 2);
     EXPECT_EQ(source.resumeNumber(), 2u);
 }
+
+TEST(LineSourceTest, TinyBlocksGiveTheSameLinesAsOneBlock) {
+    TempDir dir;
+    const std::string content = std::string("first\n\nsecond line\r\nz\0ero\n", 26) +
+                                std::string(40, 'w') + "\nlast without newline";
+    writeFile(dir.file("in"), content);
+    for (std::size_t block : {1u, 2u, 3u, 7u, 64u}) {
+        InputStream input(dir.file("in"));
+        ASSERT_TRUE(input.open());
+        LineSource source(input, 0, 1, true, block);
+        std::vector<std::string> texts;
+        std::vector<uint64_t> numbers;
+        ASSERT_TRUE(source.run([&](const LineSource::Line& line) {
+            texts.emplace_back(line.text, line.length);
+            numbers.push_back(line.number);
+            return true;
+        }));
+        EXPECT_EQ(texts, (std::vector<std::string>{"first", "second line\r", "z",
+                                                   std::string(40, 'w'), "last without newline"}))
+            << "block " << block;
+        EXPECT_EQ(numbers, (std::vector<uint64_t>{1, 3, 4, 5, 6})) << "block " << block;
+    }
+}
