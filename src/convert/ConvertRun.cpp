@@ -217,7 +217,9 @@ bool ConvertRun::outOfRange(const std::string& line, bool& tooNew, std::string& 
     return false;
 }
 
-std::string ConvertRun::source() const { return *sourceName_ + ":" + std::to_string(lineNumber_); }
+std::string ConvertRun::sourceText() const {
+    return *sourceName_ + ":" + std::to_string(lineNumber_);
+}
 
 void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& line) {
     summary_.count(verdict.reason);
@@ -230,7 +232,7 @@ void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& l
             return;
         }
         Pending pending;
-        pending.source = source();
+        pending.source = sourceText();
         if (isEvent) {
             pending.event = verdict.event;
             pending.key = EventKey::compose(verdict.record.containerId, verdict.record.path,
@@ -250,7 +252,7 @@ void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& l
     std::string& out = output_.text();
     if (explaining) {
         if (rowWanted) {
-            appendRow(out, source(), verdict.reason, isEvent ? verdict.event : verdict.detail);
+            appendRow(out, sourceText(), verdict.reason, isEvent ? verdict.event : verdict.detail);
         }
     } else if (isEvent) {
         appendEvent(out, verdict, line);
@@ -364,6 +366,6 @@ void ConvertRun::reportStray() {
         return;
     }
     for (const std::string& message : judge_.takeStrayLines()) {
-        writeText(errorFd_, PROGRAM + source() + ": converter: " + message + "\n");
+        writeText(errorFd_, PROGRAM + sourceText() + ": converter: " + message + "\n");
     }
 }

@@ -44,7 +44,7 @@ private:
     // left out, with `tooNew` telling the settle and --until bound apart.
     bool outOfRange(const std::string& line, bool& tooNew, std::string& detail);
     // FILE:LINE of the line being handled.
-    std::string source() const;
+    std::string sourceText() const;
     void deliver(const LineJudge::Verdict& verdict, const std::string& line);
     void appendRow(std::string& out, const std::string& source, LineJudge::Reason reason,
                    const std::string& detail);

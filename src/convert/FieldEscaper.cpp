@@ -24,7 +24,8 @@ std::size_t sequenceLength(std::string_view text, std::size_t at) {
     unsigned char high = 0xBF;
     if (first < 0x80) {
         return 1;
-    } else if (first >= 0xC2 && first <= 0xDF) {
+    }
+    if (first >= 0xC2 && first <= 0xDF) {
         length = 2;
     } else if (first >= 0xE0 && first <= 0xEF) {
         length = 3;

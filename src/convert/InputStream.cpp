@@ -88,7 +88,7 @@ bool InputStream::skipTo(int64_t offset) {
                                      : SKIP_CHUNK;
         const ssize_t got = read(scratch.data(), want);
         if (got <= 0) {
-            return got == 0 ? true : false;
+            return got == 0;
         }
         offset -= got;
     }

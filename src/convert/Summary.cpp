@@ -7,6 +7,7 @@
 namespace {
 
 constexpr std::size_t INDENT = 2;
+constexpr std::size_t COLUMN_GAP = 2;
 
 }  // namespace
 
@@ -34,10 +35,10 @@ std::string Summary::render() const {
         numberWidth = std::max(numberWidth, std::to_string(value).size());
     }
     std::string text;
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        const std::string number = std::to_string(rows[i].second);
-        text += rows[i].first;
-        text.append(labelWidth - rows[i].first.size() + 2 + numberWidth - number.size(), ' ');
+    for (const auto& [label, value] : rows) {
+        const std::string number = std::to_string(value);
+        text += label;
+        text.append(labelWidth - label.size() + COLUMN_GAP + numberWidth - number.size(), ' ');
         text += number;
         text += '\n';
     }
