@@ -98,9 +98,13 @@ bool Checkpoint::save() {
         error_ = temporary + ": cannot write checkpoint: " + std::strerror(errno);
         return false;
     }
-    const bool written = writeAll(fd, text) && fsync(fd) == 0;
-    const int writeError = errno;
-    if (close(fd) != 0 || !written) {
+    bool written = writeAll(fd, text) && fsync(fd) == 0;
+    int writeError = written ? 0 : errno;
+    if (close(fd) != 0 && written) {
+        written = false;
+        writeError = errno;
+    }
+    if (!written) {
         error_ = temporary + ": cannot write checkpoint: " + std::strerror(writeError);
         unlink(temporary.c_str());
         return false;

@@ -104,7 +104,7 @@ int ConvertRun::exitStatus() const {
     if (options_.strict) {
         for (std::size_t i = 0; i < LineJudge::REASON_COUNT; ++i) {
             const auto reason = static_cast<LineJudge::Reason>(i);
-            if (strictReason(reason) && summary_.count(reason) > 0) {
+            if (strictReason(reason) && summary_.countOf(reason) > 0) {
                 return EXIT_STRICT;
             }
         }

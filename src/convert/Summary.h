@@ -12,11 +12,11 @@ public:
     void count(LineJudge::Reason reason) { ++counts_[static_cast<std::size_t>(reason)]; }
     void uncount(LineJudge::Reason reason) { --counts_[static_cast<std::size_t>(reason)]; }
     void lineRead() { ++linesRead_; }
-    uint64_t count(LineJudge::Reason reason) const {
+    uint64_t countOf(LineJudge::Reason reason) const {
         return counts_[static_cast<std::size_t>(reason)];
     }
     uint64_t linesRead() const { return linesRead_; }
-    uint64_t events() const { return count(LineJudge::Reason::EVENT); }
+    uint64_t events() const { return countOf(LineJudge::Reason::EVENT); }
     // Lines read, events written, then each reason that occurred, aligned.
     std::string render() const;
 
