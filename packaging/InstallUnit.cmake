@@ -1,25 +1,28 @@
-# Install-time script: installs the systemd unit with ExecStart pointing at
+# Install-time script: installs one systemd unit with ExecStart pointing at
 # the binary's real location. Expects QLC_UNIT_SOURCE, QLC_UNIT_STAGING,
-# QLC_UNIT_SBINDIR (relative to the prefix, or absolute) and QLC_UNIT_DIR
-# (likewise).
+# QLC_UNIT_BINDIR and QLC_UNIT_SBINDIR (relative to the prefix, or absolute)
+# and QLC_UNIT_DIR (likewise).
 
-set(sbindir "${QLC_UNIT_SBINDIR}")
-if(NOT IS_ABSOLUTE "${sbindir}")
-    set(sbindir "${CMAKE_INSTALL_PREFIX}/${sbindir}")
-endif()
-set(unitdir "${QLC_UNIT_DIR}")
-if(NOT IS_ABSOLUTE "${unitdir}")
-    set(unitdir "${CMAKE_INSTALL_PREFIX}/${unitdir}")
-endif()
+function(qlc_absolute out dir)
+    if(NOT IS_ABSOLUTE "${dir}")
+        set(dir "${CMAKE_INSTALL_PREFIX}/${dir}")
+    endif()
+    set(${out} "${dir}" PARENT_SCOPE)
+endfunction()
+qlc_absolute(bindir "${QLC_UNIT_BINDIR}")
+qlc_absolute(sbindir "${QLC_UNIT_SBINDIR}")
+qlc_absolute(unitdir "${QLC_UNIT_DIR}")
 
+# Units are written for the /usr layout; ExecStart lines follow the prefix.
 file(READ "${QLC_UNIT_SOURCE}" unit)
-string(REPLACE "ExecStart=/usr/sbin/qirn-log-converter"
-               "ExecStart=${sbindir}/qirn-log-converter" unit "${unit}")
+string(REPLACE "ExecStart=/usr/sbin/" "ExecStart=${sbindir}/" unit "${unit}")
+string(REPLACE "ExecStart=/usr/bin/" "ExecStart=${bindir}/" unit "${unit}")
 
 # One staging file per destination, so that installs into different places
 # can run at the same time.
-string(MD5 tag "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}|${sbindir}")
-set(staged "${QLC_UNIT_STAGING}/${tag}/qirn-log-converter.service")
+get_filename_component(name "${QLC_UNIT_SOURCE}" NAME)
+string(MD5 tag "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}|${sbindir}|${name}")
+set(staged "${QLC_UNIT_STAGING}/${tag}/${name}")
 file(WRITE "${staged}" "${unit}")
 file(INSTALL DESTINATION "${unitdir}" TYPE FILE
      PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
