@@ -1,9 +1,8 @@
 # Helpers shared by the packaging checks; sourced, not run.
 #
-# Tools the checks use, by Debian package: cmake (cmake, cpack), dpkg-dev
-# (dpkg-shlibdeps), binutils (strip), systemd (systemd-analyze), groff-base
-# (groff), logrotate, lintian, util-linux (unshare, mount), gzip.
-# A missing tool makes the check exit with SKIP (77) instead of failing.
+# Tools the checks use come from the packages of scripts/install-deps
+# (--ci for the checks labelled long). A missing tool makes the check exit
+# with SKIP (77) instead of failing.
 
 set -euo pipefail
 
