@@ -107,18 +107,6 @@ head -n 1 "$SCRATCH/root/usr/share/doc/qirn-log-converter/copyright" |
     grep -q '^Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' ||
     fail "copyright is not in the machine-readable format"
 
-note "stripped binary, symbols in the -dbgsym package"
-binary="$SCRATCH/root/usr/sbin/qirn-log-converter"
-if readelf -S "$binary" | grep -q '\.debug_'; then
-    fail "the packaged binary is not stripped"
-fi
-build_id=$(readelf -n "$binary" | sed -n 's/.*Build ID: \([0-9a-f]*\)/\1/p')
-[ -n "$build_id" ] || fail "the packaged binary has no build id"
-dpkg-deb -c "$dbgsym" >"$SCRATCH/dbgsym.txt"
-grep -q "/usr/lib/debug/.build-id/${build_id:0:2}/${build_id:2}.debug" "$SCRATCH/dbgsym.txt" ||
-    fail "the -dbgsym package has no /usr/lib/debug/.build-id/${build_id:0:2}/${build_id:2}.debug"
-echo "build id $build_id: symbols in $(basename "$dbgsym")"
-
 # --nocfprotection: no Debian 12 binary passes that line, since the C start
 # files carry no control-flow marks. "unknown" for stack clash protection
 # means no frame needed a probe.
@@ -130,8 +118,23 @@ check_hardening() {
         fail "hardening-check reports a \"no\" for $1"
     fi
 }
-note "hardening-check --nocfprotection on the packaged binary"
-check_hardening "$binary"
+
+dpkg-deb -c "$dbgsym" >"$SCRATCH/dbgsym.txt"
+programs=$(cd "$SCRATCH/root" && find usr/bin usr/sbin -type f 2>/dev/null | sort) || true
+[[ "$programs" == *usr/sbin/qirn-log-converter* ]] || fail "no /usr/sbin/qirn-log-converter"
+for program in $programs; do
+    binary="$SCRATCH/root/$program"
+    note "/$program: stripped, symbols in the -dbgsym package, hardened"
+    if readelf -S "$binary" | grep -q '\.debug_'; then
+        fail "/$program is not stripped"
+    fi
+    build_id=$(readelf -n "$binary" | sed -n 's/.*Build ID: \([0-9a-f]*\)/\1/p')
+    [ -n "$build_id" ] || fail "/$program has no build id"
+    grep -q "/usr/lib/debug/.build-id/${build_id:0:2}/${build_id:2}.debug" "$SCRATCH/dbgsym.txt" ||
+        fail "the -dbgsym package has no /usr/lib/debug/.build-id/${build_id:0:2}/${build_id:2}.debug"
+    echo "build id $build_id: symbols in $(basename "$dbgsym")"
+    check_hardening "$binary"
+done
 note "hardening-check --nocfprotection on the release build's binary"
 check_hardening "$QLC_BINARY"
 

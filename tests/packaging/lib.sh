@@ -5,6 +5,9 @@
 # with SKIP (77) instead of failing.
 
 set -euo pipefail
+# A command that fails outside a check's own tests still names itself.
+set -E
+trap 'echo "FAIL: \"$BASH_COMMAND\" failed (line $LINENO)" >&2' ERR
 
 readonly SKIP=77
 : "${QLC_SOURCE_DIR:?set by CTest}"
