@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "converter/LogConverter.h"
+#include "support/AuditLines.h"
 
 namespace {
 
@@ -35,18 +36,8 @@ std::atomic<std::size_t> allocationCount{0};
 
 namespace {
 
-const std::string SYSCALL_LINE =
-    "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
-    "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
-    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" "
-    "exe=\"/usr/bin/bash\" "
-    "key=(null)";
-
-const std::string AVC_LINE =
-    "type=QIRN_AVC msg=audit(1731676205.123:4567): avc:  denied  { write } for  pid=1234 "
-    "comm=\"bash\" name=\"/etc/passwd\" dev=\"sda1\" ino=5678 container_id=3f2a9c "
-    "scontext=system_u:system_r:container_t tcontext=system_u:object_r:etc_t tclass=file "
-    "permissive=0";
+const std::string SYSCALL_LINE = testing_support::syscallLine(1731676205);
+const std::string AVC_LINE = testing_support::avcLine(1731676205, "3f2a9c", "/etc/passwd");
 
 // More distinct lines than the duplicate cache holds, so that every line is
 // new again by the time the ring comes back to it.

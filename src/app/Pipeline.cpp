@@ -5,7 +5,7 @@
 #include <iostream>
 
 #include "app/Globals.h"
-#include "logging/Logger.h"
+#include "logging/Trace.h"
 
 namespace {
 
@@ -33,15 +33,14 @@ LogReader::LineCallback makeLineCallback(LogConverter& converter, WriterHolder& 
             return;
         }
         if (!writer->writeLine(outputLine)) {
-            Logger::getInstance().log(Logger::ERROR, "Failed to write to output file");
+            trace(Logger::ERROR, "Failed to write to output file");
             return;
         }
         processedCount.fetch_add(1);
         ++outputCount;
         if (outputCount % PROGRESS_INTERVAL == 0) {
-            Logger::getInstance().log(
-                Logger::INFO, "Processed " + std::to_string(outputCount) +
-                                  " lines (total: " + std::to_string(processedCount.load()) + ")");
+            trace(Logger::INFO, "Processed " + std::to_string(outputCount) + " lines (total: " +
+                                    std::to_string(processedCount.load()) + ")");
         }
     };
 }
@@ -54,15 +53,15 @@ bool assemblePipeline(const std::string& inputPath, const std::string& outputPat
     try {
         reader = LogReader::create(inputPath);
         writerHolder = std::make_unique<LogWriter>(outputPath);
-        Logger::getInstance().log(Logger::INFO, "Reader and writer initialized successfully");
+        trace(Logger::INFO, "Reader and writer initialized successfully");
     } catch (const std::exception& e) {
-        Logger::getInstance().log(Logger::ERROR, std::string("Failed to initialize: ") + e.what());
+        trace(Logger::ERROR, std::string("Failed to initialize: ") + e.what());
         std::cerr << "ERROR: " << e.what() << std::endl;
         return false;
     }
 
     if (!reader->startMonitoring(makeLineCallback(converter, writerHolder))) {
-        Logger::getInstance().log(Logger::ERROR, "Failed to start monitoring");
+        trace(Logger::ERROR, "Failed to start monitoring");
         std::cerr << "ERROR: Failed to start monitoring input file" << std::endl;
         return false;
     }

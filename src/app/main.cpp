@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <exception>
@@ -17,6 +17,7 @@
 #include "app/Config.h"
 #include "app/Globals.h"
 #include "app/Pipeline.h"
+#include "app/SignalHandler.h"
 #include "common/Sleep.h"
 #include "logging/Logger.h"
 
@@ -25,27 +26,9 @@ std::atomic<int32_t> processedCount{0};
 
 namespace {
 
-constexpr uint32_t STATUS_INTERVAL_SECONDS = 30;
-constexpr long SIGNAL_GRACE_NANOSECONDS = 100000000;
-
-void signalHandler(int signum) {
-    // The interrupted code may be about to read errno (the sleeps test it for
-    // EINTR to resume), so the handler leaves it as it found it.
-    const int savedErrno = errno;
-    std::cout << "\nReceived signal " << signum << ", shutting down..." << std::endl;
-    try {
-        // Logging here is not async-signal-safe; the service accepts that to
-        // leave a record of why it stopped.
-        Logger::getInstance().log(
-            Logger::INFO, "Received signal " + std::to_string(signum) + ", shutting down...");
-        Logger::getInstance().log(
-            Logger::INFO, "Total processed lines: " + std::to_string(processedCount.load()));
-    } catch (...) {
-    }
-    running.store(false);
-    sleepResuming(0, SIGNAL_GRACE_NANOSECONDS);
-    errno = savedErrno;
-}
+// The status loop wakes once a second and reports every thirtieth wake-up.
+constexpr std::chrono::seconds STATUS_TICK{1};
+constexpr uint32_t STATUS_INTERVAL_TICKS = 30;
 
 }  // namespace
 
@@ -133,9 +116,9 @@ int main(int argc, char* argv[]) {
 
     uint32_t statusTick = 0;
     while (running.load()) {
-        sleepResuming(1, 0);
+        sleepResuming(STATUS_TICK);
         ++statusTick;
-        if (statusTick % STATUS_INTERVAL_SECONDS == 0) {
+        if (statusTick % STATUS_INTERVAL_TICKS == 0) {
             logger.log(Logger::INFO, "Status: running, processed " +
                                          std::to_string(processedCount.load()) + " lines");
         }

@@ -2,6 +2,6 @@
 // The one way this service sleeps: a relative nanosleep that resumes with the
 // remaining time when a signal interrupts it, so signals never shorten a pause.
 
-#include <ctime>
+#include <chrono>
 
-void sleepResuming(time_t seconds, long nanoseconds);
+void sleepResuming(std::chrono::nanoseconds duration);

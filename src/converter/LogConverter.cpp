@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "logging/Logger.h"
+#include "logging/Trace.h"
 
 namespace {
 
@@ -30,8 +30,6 @@ constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
 constexpr long long MILLISECONDS_PER_SECOND = 1000;
 constexpr std::size_t TIME_BUFFER_SIZE = 256;
 constexpr const char* TIME_FORMAT = "%b %d %H:%M:%S";
-
-void logDebug(const std::string& message) { Logger::getInstance().log(Logger::DEBUG, message); }
 
 // The service never changes its locale, so tolower and isspace are those of
 // the C locale; answering here saves a library call per character.
@@ -210,6 +208,9 @@ std::string localTimeText(time_t seconds) {
     }
     char buffer[TIME_BUFFER_SIZE];
     const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
+    // Unfilled while it changes, so that running out of memory half-way never
+    // leaves a key that answers with another zone's text.
+    last.filled = false;
     last.text.assign(buffer, length);
     last.seconds = seconds;
     last.zoneSet = zone != nullptr;
@@ -226,7 +227,13 @@ std::string formatStamp(std::string_view text) {
     if (seconds > MILLISECONDS_THRESHOLD) {
         seconds /= MILLISECONDS_PER_SECOND;
     }
-    return localTimeText(static_cast<time_t>(seconds));
+    // Running out of memory ends in an empty result, like any other failure
+    // of the conversion, rather than in an exception leaving it.
+    try {
+        return localTimeText(static_cast<time_t>(seconds));
+    } catch (...) {
+        return {};
+    }
 }
 
 // The text between "audit(" and the next ":" (or, lacking one, the next ")").
@@ -329,16 +336,14 @@ LogConverter& LogConverter::getInstance() {
 
 void LogConverter::setDebugMode(bool enabled) { debugMode_ = enabled; }
 
-LogConverter::LogConverter() {
-    Logger::getInstance().log(Logger::INFO, "LogConverter initialized");
-}
+LogConverter::LogConverter() { trace(Logger::INFO, "LogConverter initialized"); }
 
 LogConverter::~LogConverter() {
     processedLogs_.clear();
     fieldCache_.clear();
 }
 
-bool LogConverter::shouldProcess(const std::string& line) {
+bool LogConverter::shouldProcess(const std::string& line) const {
     std::string_view type;
     if (!findAuditType(line, type)) {
         return false;
@@ -346,74 +351,60 @@ bool LogConverter::shouldProcess(const std::string& line) {
     return type == AVC_TYPE || type == NETCTL_TYPE;
 }
 
-std::string LogConverter::extractField(const std::string& line, const std::string& key) {
+std::string LogConverter::extractField(const std::string& line, const std::string& key) const {
     return std::string(fieldValue(line, key));
 }
 
-std::string LogConverter::extractQuotedField(const std::string& line, const std::string& key) {
+std::string LogConverter::extractQuotedField(const std::string& line,
+                                             const std::string& key) const {
     // Quotes are already handled by extractField; this stays a separate entry
     // point because the parser uses it as its second attempt.
     return extractField(line, key);
 }
 
-LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
+LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const {
     ParseResult result;
     // Both start empty; clear() makes the reset without the library call that
     // assigning "" costs on every line, most of which are rejected at once.
     result.spare.clear();
     result.containerId.clear();
     try {
-        if (debugMode_) {
-            logDebug("Parsing line: " + line);
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
         if (!shouldProcess(line)) {
-            if (debugMode_) {
-                logDebug("Line should not be processed");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
             return result;
         }
 
         const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
         if (containerId.empty()) {
-            if (debugMode_) {
-                logDebug("container_id field not found in log, skipping");
-            }
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "container_id field not found in log, skipping"; });
             return result;
         }
         result.containerId = containerId;
-        if (debugMode_) {
-            logDebug("Container ID from container_id field: " + result.containerId);
-        }
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Container ID from container_id field: " + result.containerId; });
 
         std::string_view stamp;
         if (!findStamp(line, stamp)) {
-            if (debugMode_) {
-                logDebug("No timestamp found");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
             return result;
         }
         result.timestamp = formatStamp(stamp);
         if (result.timestamp.empty()) {
-            if (debugMode_) {
-                logDebug("Failed to convert timestamp");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
             return result;
         }
-        if (debugMode_) {
-            logDebug("Converted timestamp: " + result.timestamp);
-        }
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Converted timestamp: " + result.timestamp; });
 
         std::string_view typeView;
         if (!findAuditType(line, typeView) || typeView.empty()) {
-            if (debugMode_) {
-                logDebug("No type found");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
             return result;
         }
         const std::string type(typeView);
-        if (debugMode_) {
-            logDebug("Type: " + type);
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
 
         if (type == AVC_TYPE) {
             result.path = nameValue(line);
@@ -426,52 +417,41 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) {
             }
             if (!procPath.empty()) {
                 result.path = std::move(procPath);
-                if (debugMode_) {
-                    logDebug("NETCTL path extracted from proc_path: " + result.path);
-                }
+                trace(debugMode_, Logger::DEBUG,
+                      [&] { return "NETCTL path extracted from proc_path: " + result.path; });
             }
         }
         if (result.path.empty()) {
-            if (debugMode_) {
-                logDebug("No path found");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
             return result;
         }
-        if (debugMode_) {
-            logDebug("Path: " + result.path);
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
 
         const std::string operation = extractOperation(line);
-        if (debugMode_) {
-            logDebug("Operation: " + operation);
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
 
         result.eventType = determineEventType(type, operation);
         if (result.eventType == EventType::UNKNOWN) {
-            if (debugMode_) {
-                logDebug("Unknown event type: type=" + type + ", operation=" + operation);
-            }
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
             return result;
         }
 
         result.statusType = determineStatusType(line);
         if (result.statusType == StatusType::UNKNOWN) {
-            if (debugMode_) {
-                logDebug("Unknown status");
-            }
+            trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
             return result;
         }
 
         result.valid = true;
-        if (debugMode_) {
-            logDebug("Parse successful - container_id: " + result.containerId + ", type: " + type +
-                     ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
-                     ", path: " + result.path +
-                     ", status: " + std::to_string(static_cast<int32_t>(result.statusType)));
-        }
+        trace(debugMode_, Logger::DEBUG, [&] {
+            return "Parse successful - container_id: " + result.containerId + ", type: " + type +
+                   ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
+                   ", path: " + result.path +
+                   ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
+        });
     } catch (const std::exception& e) {
-        Logger::getInstance().log(Logger::ERROR,
-                                  std::string("Exception in parseLine: ") + e.what());
+        trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
     return result;
 }
@@ -486,14 +466,12 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         // equal copy, which is the one reported.
         const auto [entry, inserted] = processedLogs_.insert(std::move(key));
         if (!inserted) {
-            Logger::getInstance().log(Logger::DEBUG,
-                                      concat({"Skipping duplicate log entry: ", *entry}));
+            trace(Logger::DEBUG, concat({"Skipping duplicate log entry: ", *entry}));
             return {};
         }
         if (processedLogs_.size() > MAX_CACHE_SIZE) {
             processedLogs_.clear();
-            Logger::getInstance().log(Logger::DEBUG,
-                                      "Cleared duplicate cache (size limit reached)");
+            trace(Logger::DEBUG, "Cleared duplicate cache (size limit reached)");
         }
     }
 
@@ -511,15 +489,15 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
     std::string line = concat({result.timestamp, ",container_id=", result.containerId,
                                ",Event=", event, ",path=", result.path, ",status=", status});
 
-    if (debugMode_) {
-        logDebug("Output: " + line);
-    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Output: " + line; });
     return line;
 }
 
-std::string LogConverter::convertTimestamp(const std::string& text) { return formatStamp(text); }
+std::string LogConverter::convertTimestamp(const std::string& text) const {
+    return formatStamp(text);
+}
 
-std::string LogConverter::generateLogHash(const ParseResult& result) {
+std::string LogConverter::generateLogHash(const ParseResult& result) const {
     if (!result.valid) {
         return {};
     }
@@ -529,11 +507,9 @@ std::string LogConverter::generateLogHash(const ParseResult& result) {
 }
 
 LogConverter::EventType LogConverter::determineEventType(const std::string& type,
-                                                         const std::string& operation) {
+                                                         const std::string& operation) const {
     if (equalsLowered(type, "qirn_netctl")) {
-        if (debugMode_) {
-            logDebug("Type is QIRN_NETCTL -> netctl");
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "Type is QIRN_NETCTL -> netctl"; });
         return EventType::NETCTL;
     }
     if (equalsLowered(type, "qirn_avc")) {
@@ -541,35 +517,29 @@ LogConverter::EventType LogConverter::determineEventType(const std::string& type
         // enough to stay in the string's own buffer.
         const std::string lowered = lowerCopy(operation);
         if (contains(lowered, "exec") || contains(lowered, "interpret")) {
-            if (debugMode_) {
-                logDebug("Operation is exec/interpret -> exectl");
-            }
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "Operation is exec/interpret -> exectl"; });
             return EventType::EXECTL;
         }
         if (contains(lowered, "write") || contains(lowered, "truncate") ||
             contains(lowered, "setattr") || contains(lowered, "unlink") ||
             contains(lowered, "rename")) {
-            if (debugMode_) {
-                logDebug("Operation is write/truncate/setattr/unlink/rename -> filectl");
-            }
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "Operation is write/truncate/setattr/unlink/rename -> filectl"; });
             return EventType::FILECTL;
         }
     }
     // Also the message for an access-vector line whose operation matched
     // nothing, although its type is supported.
-    if (debugMode_) {
-        logDebug("Unsupported type: " + type);
-    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Unsupported type: " + type; });
     return EventType::UNKNOWN;
 }
 
-LogConverter::StatusType LogConverter::determineStatusType(const std::string& line) {
+LogConverter::StatusType LogConverter::determineStatusType(const std::string& line) const {
     const std::string_view text = line;
     const std::size_t marker = text.find(STATUS_MARKER);
     if (marker == std::string_view::npos) {
-        if (debugMode_) {
-            logDebug("No 'avc:' found in line");
-        }
+        trace(debugMode_, Logger::DEBUG, [&] { return "No 'avc:' found in line"; });
         return StatusType::UNKNOWN;
     }
     std::size_t start = marker + STATUS_MARKER.size();
@@ -582,25 +552,20 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     }
     // A comma does not end the word, so "denied," still counts as denied.
     const std::string_view word = text.substr(start, end - start);
-    if (debugMode_) {
-        logDebug("Extracted status word: " + std::string(word));
-    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Extracted status word: " + std::string(word); });
 
     const std::string lowered = lowerCopy(word);
     if (contains(lowered, "denied")) {
-        if (debugMode_) {
-            logDebug("Status mapping (contains denied): " + lowered + " -> enforcing");
-        }
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Status mapping (contains denied): " + lowered + " -> enforcing"; });
         return StatusType::ENFORCING;
     }
     if (contains(lowered, "detect")) {
-        if (debugMode_) {
-            logDebug("Status mapping (contains detect): " + lowered + " -> permissive");
-        }
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Status mapping (contains detect): " + lowered + " -> permissive"; });
         return StatusType::PERMISSIVE;
     }
-    Logger::getInstance().log(
-        Logger::ERROR,
-        "Unexpected status word (neither denied nor detect): " + lowered + " in line: " + line);
+    trace(Logger::ERROR,
+          "Unexpected status word (neither denied nor detect): " + lowered + " in line: " + line);
     return StatusType::UNKNOWN;
 }

@@ -20,7 +20,9 @@ public:
         EventType eventType = EventType::UNKNOWN;
         StatusType statusType = StatusType::UNKNOWN;
         std::string path;
-        std::string spare;  // part of the record's layout; always empty
+        // Part of the record's layout with no settled use yet: kept, and always
+        // empty, so that a later use does not change the record's shape.
+        std::string spare;
         bool valid = false;
     };
 
@@ -30,22 +32,25 @@ public:
     static LogConverter& getInstance();
     static void setDebugMode(bool enabled);
 
+    // One instance holds the duplicate cache for the whole process, so copies
+    // and moves, which would split it, are refused.
     LogConverter(const LogConverter&) = delete;
     LogConverter& operator=(const LogConverter&) = delete;
     LogConverter(LogConverter&&) = delete;
     LogConverter& operator=(LogConverter&&) = delete;
 
-    bool shouldProcess(const std::string& line);
-    std::string extractField(const std::string& line, const std::string& key);
-    std::string extractQuotedField(const std::string& line, const std::string& key);
-    ParseResult parseLine(const std::string& line);
+    bool shouldProcess(const std::string& line) const;
+    std::string extractField(const std::string& line, const std::string& key) const;
+    std::string extractQuotedField(const std::string& line, const std::string& key) const;
+    ParseResult parseLine(const std::string& line) const;
     std::string convertToOutputFormat(const ParseResult& result);
-    std::string convertTimestamp(const std::string& text);
-    std::string generateLogHash(const ParseResult& result);
-    EventType determineEventType(const std::string& type, const std::string& operation);
-    StatusType determineStatusType(const std::string& line);
+    std::string convertTimestamp(const std::string& text) const;
+    std::string generateLogHash(const ParseResult& result) const;
+    EventType determineEventType(const std::string& type, const std::string& operation) const;
+    StatusType determineStatusType(const std::string& line) const;
 
 private:
+    // Private so that getInstance is the only way to reach the cache.
     LogConverter();
     ~LogConverter();
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -15,19 +16,15 @@
 #include <vector>
 
 #include "common/Sleep.h"
-#include "logging/Logger.h"
+#include "logging/Trace.h"
 
 namespace {
 
 constexpr int FILE_WAIT_ATTEMPTS = 30;
 constexpr int FILE_WAIT_PROGRESS_EVERY = 10;
-constexpr time_t FILE_WAIT_DELAY_SECONDS = 1;
-constexpr time_t RETRY_DELAY_SECONDS = 1;
-constexpr long POLL_INTERVAL_NANOSECONDS = 100000000;
-
-void logMessage(Logger::Level level, const std::string& message) {
-    Logger::getInstance().log(level, message);
-}
+constexpr std::chrono::seconds FILE_WAIT_DELAY{1};
+constexpr std::chrono::seconds RETRY_DELAY{1};
+constexpr std::chrono::milliseconds POLL_INTERVAL{100};
 
 // First occurrence of `byte` in [from, end), or `end` when there is none.
 const char* findByte(const char* from, const char* end, char byte) {
@@ -68,15 +65,15 @@ LogReader::LogReader(const std::string& filename)
       inode_(0),
       running_(false),
       destroyed_(false) {
-    logMessage(Logger::DEBUG, "LogReader created for: " + filename_);
+    trace(Logger::DEBUG, "LogReader created for: " + filename_);
 }
 
 LogReader::~LogReader() {
-    logMessage(Logger::DEBUG, "LogReader destroying for: " + filename_);
+    trace(Logger::DEBUG, "LogReader destroying for: " + filename_);
     destroyed_ = true;
     stopMonitoring();
     closeFile();
-    logMessage(Logger::DEBUG, "LogReader destroyed for: " + filename_);
+    trace(Logger::DEBUG, "LogReader destroyed for: " + filename_);
 }
 
 void LogReader::closeFile() {
@@ -98,8 +95,8 @@ bool LogReader::openFile() {
         fd_ = -1;
         // A missing file is the normal state while waiting for it to appear.
         if (error != ENOENT) {
-            logMessage(Logger::ERROR,
-                       "Failed to open file: " + filename_ + " - " + std::strerror(error));
+            trace(Logger::ERROR,
+                  "Failed to open file: " + filename_ + " - " + std::strerror(error));
         }
         return false;
     }
@@ -107,7 +104,7 @@ bool LogReader::openFile() {
     struct stat info {};
     if (fstat(fd_, &info) != 0) {
         const int error = errno;
-        logMessage(Logger::ERROR, std::string("Failed to stat file: ") + std::strerror(error));
+        trace(Logger::ERROR, std::string("Failed to stat file: ") + std::strerror(error));
         closeFile();
         return false;
     }
@@ -122,32 +119,31 @@ bool LogReader::openFile() {
     if (replaced && size < ROTATION_SIZE_THRESHOLD) {
         // A small replacement is a log freshly started by rotation: read all of it.
         position_ = 0;
-        logMessage(Logger::INFO, "logrotate detected (inode changed, size=" + std::to_string(size) +
-                                     " < ), reading from beginning");
+        trace(Logger::INFO, "logrotate detected (inode changed, size=" + std::to_string(size) +
+                                " < ), reading from beginning");
     } else if (replaced) {
         // A large replacement is taken to be an editor's save-by-rename: skip it.
         position_ = size;
-        logMessage(Logger::INFO,
-                   "File inode changed (likely vim save), starting from end (position: " +
-                       std::to_string(position_) + ")");
+        trace(Logger::INFO, "File inode changed (likely vim save), starting from end (position: " +
+                                std::to_string(position_) + ")");
     } else if (size < position_) {
         // Reset before composing, so the message reports "previous position 0".
         position_ = 0;
-        logMessage(Logger::INFO, "File truncated (size " + std::to_string(size) +
-                                     " < previous position " + std::to_string(position_) +
-                                     "), reading from beginning");
+        trace(Logger::INFO, "File truncated (size " + std::to_string(size) +
+                                " < previous position " + std::to_string(position_) +
+                                "), reading from beginning");
     } else if (position_ == 0 && size > 0) {
         // Existing content is never replayed when following starts.
         position_ = size;
-        logMessage(Logger::INFO, "First open of existing file, starting from end (position: " +
-                                     std::to_string(position_) + ")");
+        trace(Logger::INFO, "First open of existing file, starting from end (position: " +
+                                std::to_string(position_) + ")");
     } else {
-        logMessage(Logger::INFO, "Continuing from position: " + std::to_string(position_));
+        trace(Logger::INFO, "Continuing from position: " + std::to_string(position_));
     }
 
-    logMessage(Logger::INFO, "Opened file " + filename_ + ", inode: " + std::to_string(inode_) +
-                                 ", size: " + std::to_string(lastSize_) +
-                                 ", position: " + std::to_string(position_));
+    trace(Logger::INFO, "Opened file " + filename_ + ", inode: " + std::to_string(inode_) +
+                            ", size: " + std::to_string(lastSize_) +
+                            ", position: " + std::to_string(position_));
     return true;
 }
 
@@ -167,8 +163,8 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
 
     int64_t bytesToRead = size - position_;
     if (bytesToRead > MAX_READ_SIZE) {
-        logMessage(Logger::WARN, "Read size too large: " + std::to_string(bytesToRead) +
-                                     " bytes, limiting to " + std::to_string(MAX_READ_SIZE));
+        trace(Logger::WARN, "Read size too large: " + std::to_string(bytesToRead) +
+                                " bytes, limiting to " + std::to_string(MAX_READ_SIZE));
         bytesToRead = MAX_READ_SIZE;
     }
 
@@ -178,16 +174,16 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
     try {
         buffer.resize(static_cast<size_t>(bytesToRead) + 1);
     } catch (const std::bad_alloc&) {
-        logMessage(Logger::ERROR,
-                   "Failed to allocate buffer of size " + std::to_string(bytesToRead + 1));
+        trace(Logger::ERROR,
+              "Failed to allocate buffer of size " + std::to_string(bytesToRead + 1));
         return false;
     } catch (const std::length_error& error) {
-        logMessage(Logger::ERROR, std::string("Length error allocating buffer: ") + error.what());
+        trace(Logger::ERROR, std::string("Length error allocating buffer: ") + error.what());
         return false;
     }
 
     if (lseek(fd_, static_cast<off_t>(position_), SEEK_SET) == static_cast<off_t>(-1)) {
-        logMessage(Logger::ERROR, "Failed to seek to position " + std::to_string(position_));
+        trace(Logger::ERROR, "Failed to seek to position " + std::to_string(position_));
         return false;
     }
     const ssize_t bytesRead = read(fd_, buffer.data(), static_cast<size_t>(bytesToRead));
@@ -198,7 +194,7 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
         const int error = errno;
         // The descriptor is non-blocking, so "no data yet" is an expected, silent outcome.
         if (error != EAGAIN) {
-            logMessage(Logger::ERROR, std::string("Failed to read: ") + std::strerror(error));
+            trace(Logger::ERROR, std::string("Failed to read: ") + std::strerror(error));
         }
         return false;
     }
@@ -236,8 +232,7 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
                 callback(line);
                 ++linesDelivered;
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR,
-                           std::string("Exception processing line: ") + error.what());
+                trace(Logger::ERROR, std::string("Exception processing line: ") + error.what());
             }
         }
         lineStart = newline + 1;
@@ -250,80 +245,78 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
             callback(line);
             ++linesDelivered;
         } catch (const std::exception& error) {
-            logMessage(Logger::ERROR,
-                       std::string("Exception processing last line: ") + error.what());
+            trace(Logger::ERROR, std::string("Exception processing last line: ") + error.what());
         }
     }
 
     if (linesDelivered > 0) {
-        logMessage(Logger::DEBUG,
-                   "Read " + std::to_string(linesDelivered) + " new lines from " + filename_);
+        trace(Logger::DEBUG,
+              "Read " + std::to_string(linesDelivered) + " new lines from " + filename_);
     }
     return true;
 }
 
-bool LogReader::checkRotation() {
+bool LogReader::checkRotation() const {
     // A closed descriptor answers "changed" so that a failed reopen is retried every cycle.
     if (destroyed_ || fd_ < 0) {
-        logMessage(Logger::DEBUG, "checkRotation: destroyed or invalid fd");
+        trace(Logger::DEBUG, "checkRotation: destroyed or invalid fd");
         return true;
     }
     // The path, not the descriptor: after a move the descriptor still names the old file.
     struct stat info {};
     if (stat(filename_.c_str(), &info) != 0) {
         const int error = errno;
-        logMessage(Logger::DEBUG,
-                   std::string("checkRotation: stat failed - ") + std::strerror(error));
+        trace(Logger::DEBUG, std::string("checkRotation: stat failed - ") + std::strerror(error));
         return true;
     }
     const uint64_t currentInode = static_cast<uint64_t>(info.st_ino);
     const int64_t currentSize = static_cast<int64_t>(info.st_size);
-    logMessage(Logger::DEBUG, "checkRotation: current inode=" + std::to_string(inode_) +
-                                  ", new inode=" + std::to_string(currentInode) +
-                                  ", current pos=" + std::to_string(position_) +
-                                  ", new size=" + std::to_string(currentSize));
+    trace(Logger::DEBUG, "checkRotation: current inode=" + std::to_string(inode_) +
+                             ", new inode=" + std::to_string(currentInode) +
+                             ", current pos=" + std::to_string(position_) +
+                             ", new size=" + std::to_string(currentSize));
 
     if (currentInode != inode_) {
-        logMessage(Logger::INFO, "Inode changed (" + std::to_string(inode_) + " -> " +
-                                     std::to_string(currentInode) + ")");
+        trace(Logger::INFO, "Inode changed (" + std::to_string(inode_) + " -> " +
+                                std::to_string(currentInode) + ")");
         return true;
     }
     // Any shrink since the previous poll counts, even one that stays past the
     // position; the message names the position all the same, on purpose.
     if (currentSize < lastSize_) {
-        logMessage(Logger::INFO, "File truncated (size " + std::to_string(currentSize) +
-                                     " < position " + std::to_string(position_) + ")");
+        trace(Logger::INFO, "File truncated (size " + std::to_string(currentSize) + " < position " +
+                                std::to_string(position_) + ")");
         return true;
     }
-    logMessage(Logger::DEBUG, "checkRotation: no change detected");
+    trace(Logger::DEBUG, "checkRotation: no change detected");
     return false;
 }
 
 bool LogReader::startMonitoring(LineCallback callback) {
     if (destroyed_) {
-        logMessage(Logger::ERROR, "Cannot start monitoring on destroyed object");
+        trace(Logger::ERROR, "Cannot start monitoring on destroyed object");
         return false;
     }
     std::shared_ptr<LogReader> self = shared_from_this();
 
     if (!openFile()) {
-        logMessage(Logger::INFO, "Waiting for file to appear: " + filename_);
+        trace(Logger::INFO, "Waiting for file to appear: " + filename_);
         for (int attempt = 1; attempt <= FILE_WAIT_ATTEMPTS; ++attempt) {
             if (destroyed_) {
                 return false;
             }
-            sleepResuming(FILE_WAIT_DELAY_SECONDS, 0);
+            sleepResuming(FILE_WAIT_DELAY);
             if (openFile()) {
                 break;
             }
             // Progress after attempts 1, 11 and 21: counted from the first attempt on purpose.
             if ((attempt - 1) % FILE_WAIT_PROGRESS_EVERY == 0) {
-                logMessage(Logger::INFO, "Still waiting for file... (" + std::to_string(attempt) +
-                                             "/30 seconds)");
+                trace(Logger::INFO,
+                      "Still waiting for file... (" + std::to_string(attempt) + "/30 seconds)");
             }
         }
         if (fd_ < 0) {
-            logMessage(Logger::ERROR, "File not found after waiting: " + filename_);
+            trace(Logger::ERROR, "File not found after waiting: " + filename_);
             return false;
         }
     }
@@ -335,18 +328,17 @@ bool LogReader::startMonitoring(LineCallback callback) {
 }
 
 void LogReader::stopMonitoring() {
-    logMessage(Logger::DEBUG, "Stopping monitoring for " + filename_);
+    trace(Logger::DEBUG, "Stopping monitoring for " + filename_);
     running_ = false;
 }
 
 void LogReader::runMonitor(const LineCallback& callback) {
-    logMessage(Logger::INFO,
-               "Monitor thread started for " + (filename_.empty() ? "unknown file" : filename_));
+    trace(Logger::INFO,
+          "Monitor thread started for " + (filename_.empty() ? "unknown file" : filename_));
     try {
         // Only a reopen that continued inside the file leaves unread bytes behind it.
         if (!destroyed_ && position_ > 0 && position_ < lastSize_) {
-            logMessage(Logger::INFO,
-                       "Reading existing data from position " + std::to_string(position_));
+            trace(Logger::INFO, "Reading existing data from position " + std::to_string(position_));
             readNewLines(callback, true);
         }
         while (running_ && !destroyed_) {
@@ -355,16 +347,14 @@ void LogReader::runMonitor(const LineCallback& callback) {
                     break;
                 }
             } catch (const std::exception& error) {
-                logMessage(Logger::ERROR,
-                           std::string("Exception in monitor loop: ") + error.what());
-                sleepResuming(RETRY_DELAY_SECONDS, 0);
+                trace(Logger::ERROR, std::string("Exception in monitor loop: ") + error.what());
+                sleepResuming(RETRY_DELAY);
             }
         }
     } catch (const std::exception& error) {
-        logMessage(Logger::ERROR,
-                   std::string("Fatal exception in monitor thread: ") + error.what());
+        trace(Logger::ERROR, std::string("Fatal exception in monitor thread: ") + error.what());
     }
-    logMessage(Logger::INFO, "Monitor thread stopped for " + filename_);
+    trace(Logger::INFO, "Monitor thread stopped for " + filename_);
 }
 
 bool LogReader::pollOnce(const LineCallback& callback) {
@@ -372,10 +362,10 @@ bool LogReader::pollOnce(const LineCallback& callback) {
         if (destroyed_) {
             return false;
         }
-        logMessage(Logger::INFO, "File change detected, reopening...");
+        trace(Logger::INFO, "File change detected, reopening...");
         if (!openFile()) {
-            logMessage(Logger::WARN, "Failed to reopen file, retrying in 1s...");
-            sleepResuming(RETRY_DELAY_SECONDS, 0);
+            trace(Logger::WARN, "Failed to reopen file, retrying in 1s...");
+            sleepResuming(RETRY_DELAY);
             return true;
         }
         // Delivers the new file's start without moving on; the normal read below
@@ -385,9 +375,9 @@ bool LogReader::pollOnce(const LineCallback& callback) {
         }
     }
     if (!readNewLines(callback, true)) {
-        logMessage(Logger::WARN, "Read failed, will retry...");
-        sleepResuming(RETRY_DELAY_SECONDS, 0);
+        trace(Logger::WARN, "Read failed, will retry...");
+        sleepResuming(RETRY_DELAY);
     }
-    sleepResuming(0, POLL_INTERVAL_NANOSECONDS);
+    sleepResuming(POLL_INTERVAL);
     return true;
 }

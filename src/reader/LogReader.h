@@ -30,7 +30,7 @@ public:
     bool openFile();
     void closeFile();
     bool readNewLines(LineCallback callback, bool advancePosition);
-    bool checkRotation();
+    bool checkRotation() const;
 
 private:
     // The monitor thread's function object; defined beside the thread body.

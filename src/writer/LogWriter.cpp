@@ -3,16 +3,17 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "common/Sleep.h"
-#include "logging/Logger.h"
+#include "logging/Trace.h"
 
 namespace {
 
 // One retry per line, after this pause: while the output cannot be opened the
 // service slows down to one attempt per line every 100 ms.
-constexpr long REOPEN_RETRY_DELAY = 100000000;  // nanoseconds
+constexpr std::chrono::milliseconds REOPEN_RETRY_DELAY{100};
 
 }  // namespace
 
@@ -21,31 +22,17 @@ LogWriter::LogWriter(const std::string& filename) : filename_(filename) {
     openFile(true);
 }
 
-LogWriter::~LogWriter() {
-    if (file_ != nullptr) {
-        // Only a failed write is reported; flush and close failures are not.
-        std::fflush(file_);  // NOLINT(cert-err33-c)
-        std::fclose(file_);  // NOLINT(cert-err33-c)
-        file_ = nullptr;
-    }
-}
+LogWriter::~LogWriter() { releaseFile(); }
 
 bool LogWriter::openFile(bool append) {
     std::lock_guard<std::mutex> lock(mutex_);
-
-    if (file_ != nullptr) {
-        // Only a failed write is reported; flush and close failures are not.
-        std::fflush(file_);  // NOLINT(cert-err33-c)
-        std::fclose(file_);  // NOLINT(cert-err33-c)
-        file_ = nullptr;
-    }
+    releaseFile();
 
     const char* mode = append ? "a" : "w";
     file_ = std::fopen(filename_.c_str(), mode);
     if (file_ == nullptr) {
         lastError_ = std::strerror(errno);
-        Logger::getInstance().log(Logger::ERROR,
-                                  "Failed to open output file: " + filename_ + " - " + lastError_);
+        trace(Logger::ERROR, "Failed to open output file: " + filename_ + " - " + lastError_);
         return false;
     }
 
@@ -56,8 +43,7 @@ bool LogWriter::openFile(bool append) {
         inode_ = static_cast<uint64_t>(info.st_ino);
         fileSize_ = static_cast<int64_t>(info.st_size);
     }
-    Logger::getInstance().log(Logger::INFO,
-                              "Opened output file: " + filename_ + " (mode: " + mode + ")");
+    trace(Logger::INFO, "Opened output file: " + filename_ + " (mode: " + mode + ")");
     return true;
 }
 
@@ -72,14 +58,14 @@ bool LogWriter::checkAndReopen() {
     if (static_cast<uint64_t>(info.st_ino) != inode_) {
         // A new file at the path starts afresh: whatever it already holds is
         // discarded.
-        Logger::getInstance().log(Logger::INFO, "Output file rotated, reopening...");
+        trace(Logger::INFO, "Output file rotated, reopening...");
         return openFile(false);
     }
     // Larger than expected means another writer appended; that is accepted.
     if (static_cast<int64_t>(info.st_size) >= fileSize_) {
         return true;
     }
-    Logger::getInstance().log(Logger::INFO, "Output file truncated, reopening...");
+    trace(Logger::INFO, "Output file truncated, reopening...");
     return openFile(true);
 }
 
@@ -88,7 +74,7 @@ bool LogWriter::writeLine(const std::string& line) {
         return true;
     }
     if (!checkAndReopen()) {
-        sleepResuming(0, REOPEN_RETRY_DELAY);
+        sleepResuming(REOPEN_RETRY_DELAY);
         if (!openFile(true)) {
             return false;
         }
@@ -103,7 +89,7 @@ bool LogWriter::writeLine(const std::string& line) {
     // line-buffered stream, without parsing a format for every line.
     if (std::fputs(line.c_str(), file_) == EOF || std::fputc('\n', file_) == EOF) {
         lastError_ = std::strerror(errno);
-        Logger::getInstance().log(Logger::ERROR, "Failed to write to file: " + lastError_);
+        trace(Logger::ERROR, "Failed to write to file: " + lastError_);
         return false;
     }
     // A flush failure is not reported: the write itself already succeeded.
@@ -119,7 +105,9 @@ void LogWriter::flush() {
     }
 }
 
-void LogWriter::closeFile() {
+void LogWriter::closeFile() { releaseFile(); }
+
+void LogWriter::releaseFile() {
     if (file_ != nullptr) {
         // Only a failed write is reported; flush and close failures are not.
         std::fflush(file_);  // NOLINT(cert-err33-c)

@@ -23,8 +23,13 @@ public:
 private:
     friend class LogWriterTestPeer;
 
+    // Flushes and closes the stream if one is open. The caller holds the mutex
+    // or, as closeFile and the destructor do, relies on one writing thread.
+    void releaseFile();
+
     std::string filename_;
     FILE* file_ = nullptr;
+    // Plain, not recursive: no operation that holds it calls another that takes it.
     std::mutex mutex_;
     std::string lastError_;
     uint64_t inode_ = 0;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -8,6 +9,7 @@
 #include "app/Pipeline.h"
 #include "converter/LogConverter.h"
 #include "support/AuditLines.h"
+#include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
 #include "writer/LogWriter.h"
 
@@ -19,9 +21,11 @@ constexpr int64_t BASE_TIME = 1731676205;
 
 class LineCallbackTest : public ::testing::Test {
 protected:
+    // The duplicate cache and both counters are process-wide: each test starts
+    // with an empty cache and processedCount at 0. The callback's own counter
+    // has no reset; tests that depend on it first bring it to a multiple of 100.
     void SetUp() override {
-        setenv("TZ", "UTC", 1);
-        tzset();
+        ASSERT_TRUE(emptyDuplicateCache(dir_.file("drain.log")));
         initLogger(dir_.file("diag.log"), false);
         LogConverter::setDebugMode(false);
         processedCount.store(0);
@@ -31,7 +35,34 @@ protected:
         return stripTimestamps(readLines(dir_.file("diag.log")));
     }
 
+    // Writes fresh events through a callback of its own until the callback's
+    // counter reports progress, so that it stands at a multiple of 100, and
+    // returns that multiple. Leaves processedCount at 0 and the cache empty.
+    int alignOutputCount() {
+        const std::string logPath = dir_.file("align.log");
+        initLogger(logPath, false);
+        WriterHolder holder = std::make_unique<LogWriter>(dir_.file("align.out"));
+        auto callback = makeLineCallback(LogConverter::getInstance(), holder);
+        int reported = -1;
+        for (int i = 0; i < 100 && reported < 0; ++i) {
+            callback(avcLine(BASE_TIME, "align", "/align" + std::to_string(i)));
+            for (const std::string& line : stripTimestamps(readLines(logPath))) {
+                if (std::sscanf(line.c_str(), "[INFO] Processed %d lines", &reported) != 1) {
+                    reported = -1;
+                } else {
+                    break;
+                }
+            }
+        }
+        holder.reset();
+        EXPECT_TRUE(emptyDuplicateCache(dir_.file("drain.log")));
+        initLogger(dir_.file("diag.log"), false);
+        processedCount.store(0);
+        return reported;
+    }
+
     TempDir dir_;
+    ScopedTimeZone utc_{"UTC"};
 };
 
 TEST_F(LineCallbackTest, MatchingLineIsConvertedWrittenAndCounted) {
@@ -71,6 +102,8 @@ TEST_F(LineCallbackTest, SameEventTwiceIsWrittenAndCountedOnce) {
 }
 
 TEST_F(LineCallbackTest, EveryHundredthWrittenLineLogsProgress) {
+    const int base = alignOutputCount();
+    ASSERT_LE(0, base);
     WriterHolder holder = std::make_unique<LogWriter>(dir_.file("out.log"));
     auto callback = makeLineCallback(LogConverter::getInstance(), holder);
 
@@ -81,7 +114,8 @@ TEST_F(LineCallbackTest, EveryHundredthWrittenLineLogsProgress) {
 
     callback(avcLine(BASE_TIME + 99, "c", "/p"));
     EXPECT_EQ(1, countSubstring(messages(), "Processed "));
-    EXPECT_TRUE(containsLine(messages(), "[INFO] Processed 100 lines (total: 100)"));
+    EXPECT_TRUE(containsLine(
+        messages(), "[INFO] Processed " + std::to_string(base + 100) + " lines (total: 100)"));
 
     callback(avcLine(BASE_TIME + 100, "c", "/p"));
     EXPECT_EQ(1, countSubstring(messages(), "Processed "));
@@ -89,6 +123,8 @@ TEST_F(LineCallbackTest, EveryHundredthWrittenLineLogsProgress) {
 }
 
 TEST_F(LineCallbackTest, FailedWriteIsReportedAndNotCounted) {
+    const int base = alignOutputCount();
+    ASSERT_LE(0, base);
     const std::string directory = dir_.file("later");
     WriterHolder holder = std::make_unique<LogWriter>(directory + "/out.log");
     auto callback = makeLineCallback(LogConverter::getInstance(), holder);
@@ -105,7 +141,8 @@ TEST_F(LineCallbackTest, FailedWriteIsReportedAndNotCounted) {
 
     // The failed line never happened as far as either counter is concerned.
     EXPECT_EQ(100, processedCount.load());
-    EXPECT_TRUE(containsLine(messages(), "[INFO] Processed 100 lines (total: 100)"));
+    EXPECT_TRUE(containsLine(
+        messages(), "[INFO] Processed " + std::to_string(base + 100) + " lines (total: 100)"));
     EXPECT_EQ(100u, readLines(directory + "/out.log").size());
 }
 

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "converter/LogConverter.h"
+#include "support/AuditLines.h"
+#include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -44,12 +46,7 @@ namespace {
 
 constexpr int ROUNDS = 1000;
 
-const std::string SYSCALL_LINE =
-    "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
-    "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
-    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" "
-    "exe=\"/usr/bin/bash\" "
-    "key=(null)";
+const std::string SYSCALL_LINE = testing_support::syscallLine(1731676205);
 
 // Allocations made by parsing and converting `line` ROUNDS times, the way the
 // line callback does.
@@ -151,6 +148,32 @@ TEST_F(LogConverterAllocationTest, ExceptionAfterSuccessStillReturnsValidRecord)
     EXPECT_TRUE(result.valid);
     EXPECT_TRUE(testing_support::containsLine(diagnostics(),
                                               "[ERROR] Exception in parseLine: std::bad_alloc"));
+}
+
+TEST_F(LogConverterAllocationTest, OutOfMemoryInTimeConversionGivesAnEmptyResult) {
+    // Remembering a zone name longer than any before is the conversion's first
+    // allocation; the name grows with every run of this test in one process.
+    static std::size_t run = 0;
+    ++run;
+    const std::string zone = std::string(64 * run, 'Q') + "-3";
+    const testing_support::ScopedTimeZone east(zone.c_str());
+    LogConverter& converter = LogConverter::getInstance();
+    const std::string stamp = "1731676206";
+    std::string text = "unset";
+    bool threw = false;
+    failingAllocation.store(1);
+
+    try {
+        text = converter.convertTimestamp(stamp);
+    } catch (...) {
+        threw = true;
+    }
+
+    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_FALSE(threw);
+    EXPECT_EQ("", text);
+    // Nothing half-remembered: the same second in the same zone converts whole.
+    EXPECT_EQ("Nov 15 16:10:06", converter.convertTimestamp(stamp));
 }
 
 }  // namespace

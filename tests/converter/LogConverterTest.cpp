@@ -9,65 +9,26 @@
 #include <string>
 #include <vector>
 
+#include "support/AuditLines.h"
+#include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
 
 using namespace std::string_literals;
 using testing_support::containsLine;
 using testing_support::containsSubstring;
 using testing_support::countSubstring;
-using testing_support::fileSize;
 using testing_support::readLines;
+using testing_support::ScopedTimeZone;
 using testing_support::stripTimestamps;
 using EventType = LogConverter::EventType;
 using StatusType = LogConverter::StatusType;
 
 namespace {
 
-const std::string AVC_LINE =
-    "type=QIRN_AVC msg=audit(1731676205.123:4567): avc:  denied  { write } for  pid=1234 "
-    "comm=\"bash\" name=\"/etc/passwd\" dev=\"sda1\" ino=5678 container_id=3f2a9c "
-    "scontext=system_u:system_r:container_t tcontext=system_u:object_r:etc_t tclass=file "
-    "permissive=0";
-
-const std::string NETCTL_LINE =
-    "type=QIRN_NETCTL msg=audit(1731676205.500:4568): avc:  detected  { connect } for pid=99 "
-    "proc_path=/usr/bin/curl container_id=3f2a9c";
-
-const std::string SYSCALL_LINE =
-    "type=SYSCALL msg=audit(1731676205.123:4566): arch=c000003e syscall=257 success=no exit=-13 "
-    "a0=ffffff9c a1=7ffd2a1b3e10 a2=241 a3=1b6 items=1 ppid=1200 pid=1234 auid=1000 uid=0 gid=0 "
-    "euid=0 suid=0 fsuid=0 egid=0 sgid=0 fsgid=0 tty=pts0 ses=3 comm=\"bash\" "
-    "exe=\"/usr/bin/bash\" "
-    "key=(null)";
-
-// Sets TZ for the scope of one check and puts the previous setting back, so
-// that time texts can be asserted literally.
-class ScopedTimeZone {
-public:
-    explicit ScopedTimeZone(const char* zone) {
-        const char* previous = std::getenv("TZ");
-        hadPrevious_ = previous != nullptr;
-        if (hadPrevious_) {
-            previous_ = previous;
-        }
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ScopedTimeZone() {
-        if (hadPrevious_) {
-            setenv("TZ", previous_.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-    ScopedTimeZone(const ScopedTimeZone&) = delete;
-    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
-private:
-    bool hadPrevious_ = false;
-    std::string previous_;
-};
+// The realistic lines shared with the other tests, at one fixed instant.
+const std::string AVC_LINE = testing_support::avcLine(1731676205, "3f2a9c", "/etc/passwd");
+const std::string NETCTL_LINE = testing_support::netctlLine(1731676205, "3f2a9c", "/usr/bin/curl");
+const std::string SYSCALL_LINE = testing_support::syscallLine(1731676205);
 
 struct ZoneCase {
     const char* zone;
@@ -92,6 +53,8 @@ class LogConverterTest : public ::testing::Test {
 protected:
     void SetUp() override {
         testing_support::initLogger(logPath_, true);
+        // The trace switch is process-wide: every test starts with it off.
+        LogConverter::setDebugMode(false);
         LogConverter::getInstance();
         markLog();
     }
@@ -121,20 +84,9 @@ class LogConverterOutputTest : public LogConverterTest {
 protected:
     void SetUp() override {
         LogConverterTest::SetUp();
-        emptyDuplicateCache();
+        ASSERT_TRUE(testing_support::emptyDuplicateCache(dir_.file("drain.log")));
+        testing_support::initLogger(logPath_, true);
         markLog();
-    }
-
-    // With the converter's trace off, the clearing message is the only line a
-    // new key can log, so the log growing means the cache has just been emptied.
-    void emptyDuplicateCache() {
-        LogConverter::setDebugMode(false);
-        const long long sizeBefore = fileSize(logPath_);
-        const std::size_t mostKeysNeeded = LogConverter::MAX_CACHE_SIZE + 1;
-        for (std::size_t i = 0; i < mostKeysNeeded && fileSize(logPath_) == sizeBefore; ++i) {
-            converter().convertToOutputFormat(makeRecord("drain" + std::to_string(i), "/drain"));
-        }
-        ASSERT_NE(sizeBefore, fileSize(logPath_));
     }
 };
 

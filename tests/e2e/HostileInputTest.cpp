@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "soak/ProcessProbe.h"
 #include "support/AuditLines.h"
+#include "support/ProcessProbe.h"
 #include "support/ServiceRunner.h"
 #include "support/TestSupport.h"
 

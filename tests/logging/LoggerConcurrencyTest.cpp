@@ -118,7 +118,7 @@ TEST(LoggerConcurrencyTest, ErrorLinesFromEightThreadsNeverInterleaveOnStandardE
     expectWholeLinesInThreadOrder(withoutHeader(readLines(dir.file("diag.log"))), "ERROR");
 }
 
-TEST(LoggerConcurrencyTest, DebugLinesFilteredWithoutLockWhileOthersLog) {
+TEST(LoggerConcurrencyTest, DebugLinesFromAnotherThreadAreDroppedWhileEightThreadsLogWholeLines) {
     TempDir dir;
     initLogger(dir.file("diag.log"), false);
 

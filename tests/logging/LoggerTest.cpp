@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ScopedTimeZone.h"
 #include "support/ServiceRunner.h"
 #include "support/TestSupport.h"
 
@@ -33,11 +34,6 @@ const std::string TIMESTAMP = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}\])
 
 bool matches(const std::string& text, const std::string& pattern) {
     return std::regex_match(text, std::regex(pattern));
-}
-
-void useTimeZone(const char* zone) {
-    setenv("TZ", zone, 1);
-    tzset();
 }
 
 // Replaces mkdir on the PATH of a private root by a script that records its
@@ -60,6 +56,17 @@ std::string recordedMkdirCalls() {
 
 class LoggerTest : public ::testing::Test {
 protected:
+    // The logger is one object per process: each test starts and ends with it
+    // closed and its DEBUG filter shut, as a fresh process would have it. On a
+    // closed logger setDebugMode prints nothing.
+    void SetUp() override { resetLogger(); }
+    void TearDown() override { resetLogger(); }
+
+    static void resetLogger() {
+        Logger::getInstance().closeFile();
+        Logger::getInstance().setDebugMode(false);
+    }
+
     std::string logPath() const { return dir_.file("diag.log"); }
 
     // Initialises the logger on logPath(), keeping its console lines out of
@@ -75,6 +82,8 @@ protected:
     std::vector<std::string> logLines() const { return readLines(logPath()); }
 
     TempDir dir_;
+    // Tests that set a zone of their own get the previous one back.
+    ScopedTimeZone zone_{"UTC"};
 };
 
 TEST_F(LoggerTest, DebugLineWithDebugOffGoesNowhere) {
@@ -170,23 +179,19 @@ TEST_F(LoggerTest, LevelTextsAreDebugInfoWarnErrorAndUnknown) {
 }
 
 TEST_F(LoggerTest, TimestampHasZeroPaddedThreeDigitMilliseconds) {
-    useTimeZone("UTC");
-
     // 2026-03-01 08:05:09.042 UTC.
     EXPECT_EQ("2026-03-01 08:05:09.042", Logger::formatTimestamp(1772352309042000000LL));
 }
 
 TEST_F(LoggerTest, TimestampIsLocalTime) {
     // Three hours east of UTC, written so that no time zone database is needed.
-    useTimeZone("QST-3");
+    const ScopedTimeZone east("QST-3");
 
     // 2026-03-01 05:05:09.042 UTC is 08:05:09.042 in that zone.
     EXPECT_EQ("2026-03-01 08:05:09.042", Logger::formatTimestamp(1772341509042000000LL));
 }
 
 TEST_F(LoggerTest, TimestampMillisecondsAreTruncatedNotRounded) {
-    useTimeZone("UTC");
-
     EXPECT_EQ("2026-03-01 08:05:09.042", Logger::formatTimestamp(1772352309042999999LL));
 }
 

@@ -1071,7 +1071,7 @@ TEST_F(LogReaderTest, FileAppearing4500MsAfterStartIsOpenedAtFifthAttempt) {
     auto reader = LogReader::create(path);
     auto recorder = std::make_shared<LineRecorder>();
     std::thread creator([&path] {
-        sleepResuming(4, 500000000);
+        sleepResuming(std::chrono::milliseconds(4500));
         writeFile(path, "");
     });
 
@@ -1120,7 +1120,7 @@ TEST_F(LogReaderTest, DestroyedWhileWaitingForFileStopsWaitingSilently) {
     auto reader = LogReader::create(path);
     LogReader& target = *reader;
     std::thread destroyer([&target] {
-        sleepResuming(1, 500000000);
+        sleepResuming(std::chrono::milliseconds(1500));
         Peer::markDestroyed(target);
     });
 

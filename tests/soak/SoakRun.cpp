@@ -41,8 +41,8 @@
 #include <thread>
 #include <vector>
 
-#include "soak/ProcessProbe.h"
 #include "support/AuditLines.h"
+#include "support/ProcessProbe.h"
 #include "support/ServiceRunner.h"
 #include "support/TestSupport.h"
 

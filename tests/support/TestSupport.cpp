@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "converter/LogConverter.h"
 #include "logging/Logger.h"
 
 namespace testing_support {
@@ -126,6 +127,27 @@ int countSubstring(const std::vector<std::string>& lines, const std::string& par
 void initLogger(const std::string& path, bool debug) {
     Logger::getInstance().closeFile();
     Logger::getInstance().init(path, debug);
+}
+
+bool emptyDuplicateCache(const std::string& scratchLogPath) {
+    initLogger(scratchLogPath, true);
+    LogConverter::setDebugMode(false);
+    // With the converter's trace off, the clearing message is the only line a
+    // new key can log, so the log growing means the cache has just been emptied.
+    const long long sizeBefore = fileSize(scratchLogPath);
+    LogConverter& converter = LogConverter::getInstance();
+    LogConverter::ParseResult record;
+    record.timestamp = "Nov 15 13:10:05";
+    record.path = "/drain";
+    record.eventType = LogConverter::EventType::FILECTL;
+    record.statusType = LogConverter::StatusType::ENFORCING;
+    record.valid = true;
+    for (std::size_t i = 0;
+         i <= LogConverter::MAX_CACHE_SIZE && fileSize(scratchLogPath) == sizeBefore; ++i) {
+        record.containerId = "drain" + std::to_string(i);
+        converter.convertToOutputFormat(record);
+    }
+    return fileSize(scratchLogPath) != sizeBefore;
 }
 
 }  // namespace testing_support

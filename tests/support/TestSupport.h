@@ -48,4 +48,11 @@ int countSubstring(const std::vector<std::string>& lines, const std::string& par
 // more than once in one process.
 void initLogger(const std::string& path, bool debug);
 
+// Empties the converter's process-wide duplicate cache, so that a test starts
+// as if no record had been seen. It watches for the cache's clearing message in
+// `scratchLogPath`, where it leaves the logger with DEBUG on and the
+// converter's trace off: the caller initialises the logger again afterwards.
+// Returns false when no clearing was seen.
+bool emptyDuplicateCache(const std::string& scratchLogPath);
+
 }  // namespace testing_support
