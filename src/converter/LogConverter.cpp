@@ -1,5 +1,7 @@
 #include "converter/LogConverter.h"
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +20,8 @@ namespace {
 constexpr std::string_view TYPE_MARKER = "type=";
 constexpr std::string_view AVC_TYPE = "QIRN_AVC";
 constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
+// What both handled types begin with.
+constexpr std::string_view QIRN_PREFIX = "QIRN_";
 constexpr std::string_view CONTAINER_ID_KEY = "container_id";
 constexpr std::string_view PROC_PATH_KEY = "proc_path";
 constexpr std::string_view STAMP_MARKER = "audit(";
@@ -174,47 +178,139 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     return true;
 }
 
-// The last second converted on this thread, with the TZ setting it was
-// converted under.
+// What decides the zone of localtime_r: the TZ entry of the environment,
+// which tzset() reads, and the zone that tzset() loaded from it. The text of a
+// second is reused only while both are unchanged, checked without a search:
+// setenv installs a new entry for a new value and never rewrites one it
+// installed, unsetenv moves the entries behind the one it removes, adding a
+// variable reallocates the array or fills the place of its terminator, and
+// loading another zone sets the names and offset that tzset() publishes.
+struct ZoneProbe {
+    char** environment = nullptr;
+    // Of the TZ entry; without one, of the terminating null.
+    std::size_t index = 0;
+    // The TZ entry; without one, the entry before the terminator (or null).
+    const char* entry = nullptr;
+    bool zoneSet = false;
+    const char* standardName = nullptr;
+    const char* daylightName = nullptr;
+    long offset = 0;
+    int hasDaylight = 0;
+};
+
+bool isZoneEntry(const char* entry) {
+    return entry[0] == 'T' && entry[1] == 'Z' && entry[2] == '=';
+}
+
+bool sameLoadedZone(const ZoneProbe& probe) {
+    return tzname[0] == probe.standardName && tzname[1] == probe.daylightName &&
+           timezone == probe.offset && daylight == probe.hasDaylight;
+}
+
+// Taken after localtime_r, which loads the zone on its first call.
+ZoneProbe probeZone() {
+    ZoneProbe probe;
+    probe.standardName = tzname[0];
+    probe.daylightName = tzname[1];
+    probe.offset = timezone;
+    probe.hasDaylight = daylight;
+    probe.environment = environ;
+    if (environ == nullptr) {
+        return probe;
+    }
+    std::size_t index = 0;
+    for (; environ[index] != nullptr; ++index) {
+        if (isZoneEntry(environ[index])) {
+            probe.index = index;
+            probe.entry = environ[index];
+            probe.zoneSet = true;
+            return probe;
+        }
+    }
+    probe.index = index;
+    probe.entry = index > 0 ? environ[index - 1] : nullptr;
+    return probe;
+}
+
+bool zoneUnchanged(const ZoneProbe& probe) {
+    if (environ != probe.environment || !sameLoadedZone(probe)) {
+        return false;
+    }
+    if (environ == nullptr) {
+        return true;
+    }
+    if (probe.zoneSet) {
+        return environ[probe.index] == probe.entry;
+    }
+    return environ[probe.index] == nullptr &&
+           (probe.index == 0 || environ[probe.index - 1] == probe.entry);
+}
+
+constexpr std::size_t TIME_TEXT_LENGTH = 15;
+constexpr std::string_view MONTH_NAMES = "JanFebMarAprMayJunJulAugSepOctNovDec";
+
+void putTwoDigits(char* out, int value) {
+    out[0] = static_cast<char>('0' + value / 10);
+    out[1] = static_cast<char>('0' + value % 10);
+}
+
+// "%b %d %H:%M:%S" in the C locale, which the service never leaves: every
+// field has a fixed width, so the text is written directly. Out-of-range
+// fields (localtime_r never produces them) fall back to strftime.
+std::string formatLocalTime(const struct tm& local) {
+    const bool inRange = local.tm_mon >= 0 && local.tm_mon < 12 && local.tm_mday >= 0 &&
+                         local.tm_mday < 100 && local.tm_hour >= 0 && local.tm_hour < 100 &&
+                         local.tm_min >= 0 && local.tm_min < 100 && local.tm_sec >= 0 &&
+                         local.tm_sec < 100;
+    if (!inRange) {
+        char buffer[TIME_BUFFER_SIZE];
+        const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
+        return std::string(buffer, length);
+    }
+    char text[TIME_TEXT_LENGTH];
+    std::memcpy(text, MONTH_NAMES.data() + 3 * local.tm_mon, 3);
+    text[3] = ' ';
+    putTwoDigits(text + 4, local.tm_mday);
+    text[6] = ' ';
+    putTwoDigits(text + 7, local.tm_hour);
+    text[9] = ':';
+    putTwoDigits(text + 10, local.tm_min);
+    text[12] = ':';
+    putTwoDigits(text + 13, local.tm_sec);
+    return std::string(text, TIME_TEXT_LENGTH);
+}
+
+// The last second converted on this thread, with where the zone came from.
 struct LastConversion {
     bool filled = false;
     time_t seconds = 0;
-    bool zoneSet = false;
-    std::string zone;
+    ZoneProbe zone;
     std::string text;
 };
 
-bool sameZone(const LastConversion& last, const char* zone) {
-    return zone == nullptr ? !last.zoneSet : last.zoneSet && last.zone == zone;
-}
-
-// Audit records come in bursts within one second, and localtime_r with
-// strftime is the largest part of converting a matching line, so the text of
-// the last second is reused. It is the text a fresh conversion gives as long
-// as neither the zone nor the LC_TIME locale changed since: the service
-// changes neither after start, and a process that switches zones with
-// setenv("TZ") and tzset() changes the TZ value, which is part of the key.
-// Per thread, so that conversions share no state.
+// Audit records come in bursts within one second, and localtime_r is the
+// largest part of converting a matching line, so the text of the last second
+// is reused. It is the text a fresh conversion gives as long as the zone did
+// not change since (ZoneProbe). The one change it cannot see: TZ switched
+// between two zones of the same names and offsets with a conversion between
+// setenv() and tzset(); that second keeps the first zone's text, which differs
+// only for dates when the two zones' rules differed. The service never
+// changes its zone or its LC_TIME locale. Per thread, so that conversions
+// share no state.
 std::string localTimeText(time_t seconds) {
     thread_local LastConversion last;
-    const char* const zone = std::getenv("TZ");
-    if (last.filled && last.seconds == seconds && sameZone(last, zone)) {
+    if (last.filled && last.seconds == seconds && zoneUnchanged(last.zone)) {
         return last.text;
     }
     // localtime_r instead of localtime: same result without the shared static buffer.
     struct tm local {};
     if (localtime_r(&seconds, &local) == nullptr) {
+        last.filled = false;
         return {};
     }
-    char buffer[TIME_BUFFER_SIZE];
-    const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
-    // Unfilled while it changes, so that running out of memory half-way never
-    // leaves a key that answers with another zone's text.
-    last.filled = false;
-    last.text.assign(buffer, length);
+    last.text = formatLocalTime(local);
     last.seconds = seconds;
-    last.zoneSet = zone != nullptr;
-    last.zone.assign(zone != nullptr ? zone : "");
+    last.zone = probeZone();
     last.filled = true;
     return last.text;
 }
@@ -344,6 +440,13 @@ LogConverter::~LogConverter() {
 }
 
 bool LogConverter::shouldProcess(const std::string& line) const {
+    // Nearly every audit record begins with "type=", and both handled types
+    // begin with "QIRN_": for a record of another kind the bytes after the
+    // marker settle the answer without any search.
+    if (startsWith(line, TYPE_MARKER) &&
+        !startsWith(std::string_view(line).substr(TYPE_MARKER.size()), QIRN_PREFIX)) {
+        return false;
+    }
     std::string_view type;
     if (!findAuditType(line, type)) {
         return false;
