@@ -315,16 +315,20 @@ std::string localTimeText(time_t seconds) {
     return last.text;
 }
 
-std::string formatStamp(std::string_view text) {
-    long long seconds = 0;
+// Seconds of a stamp text after the millisecond rule.
+bool stampSeconds(std::string_view text, long long& seconds) {
     if (!parseLeadingInteger(text, seconds)) {
-        return {};
+        return false;
     }
     if (seconds > MILLISECONDS_THRESHOLD) {
         seconds /= MILLISECONDS_PER_SECOND;
     }
-    // Running out of memory ends in an empty result, like any other failure
-    // of the conversion, rather than in an exception leaving it.
+    return true;
+}
+
+// Running out of memory ends in an empty result, like any other failure of
+// the conversion, rather than in an exception leaving it.
+std::string convertedTime(long long seconds) {
     try {
         return localTimeText(static_cast<time_t>(seconds));
     } catch (...) {
@@ -332,25 +336,31 @@ std::string formatStamp(std::string_view text) {
     }
 }
 
-// The text between "audit(" and the next ":" (or, lacking one, the next ")").
-bool findStamp(std::string_view line, std::string_view& stamp) {
-    const std::size_t marker = line.find(STAMP_MARKER);
-    if (marker == std::string_view::npos) {
+std::string formatStamp(std::string_view text) {
+    long long seconds = 0;
+    if (!stampSeconds(text, seconds)) {
+        return {};
+    }
+    return convertedTime(seconds);
+}
+
+// The leading decimal digits of `text`, if any.
+bool leadingSerial(std::string_view text, unsigned long long& serial) {
+    constexpr unsigned long long highest = std::numeric_limits<unsigned long long>::max();
+    unsigned long long value = 0;
+    std::size_t i = 0;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+        const unsigned digit = static_cast<unsigned>(text[i] - '0');
+        if (value > (highest - digit) / 10) {
+            return false;
+        }
+        value = value * 10 + digit;
+    }
+    if (i == 0) {
         return false;
     }
-    const std::size_t start = marker + STAMP_MARKER.size();
-    if (start >= line.size()) {
-        return false;
-    }
-    std::size_t end = line.find(':', start);
-    if (end == std::string_view::npos) {
-        end = line.find(')', start);
-    }
-    if (end == std::string_view::npos) {
-        return false;
-    }
-    stamp = line.substr(start, end - start);
-    return !stamp.empty();
+    serial = value;
+    return true;
 }
 
 // Unlike fieldValue, an unquoted name ends only at a blank: commas, colons and
@@ -488,12 +498,14 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const
         trace(debugMode_, Logger::DEBUG,
               [&] { return "Container ID from container_id field: " + result.containerId; });
 
-        std::string_view stamp;
-        if (!findStamp(line, stamp)) {
+        const AuditStamp stamp = findAuditStamp(line);
+        if (!stamp.found) {
             trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
             return result;
         }
-        result.timestamp = formatStamp(stamp);
+        if (stamp.hasSeconds) {
+            result.timestamp = convertedTime(stamp.seconds);
+        }
         if (result.timestamp.empty()) {
             trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
             return result;
@@ -557,6 +569,30 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const
         trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
     return result;
+}
+
+LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line) {
+    AuditStamp stamp;
+    const std::size_t marker = line.find(STAMP_MARKER);
+    if (marker == std::string_view::npos) {
+        return stamp;
+    }
+    const std::size_t start = marker + STAMP_MARKER.size();
+    if (start >= line.size()) {
+        return stamp;
+    }
+    const std::size_t colon = line.find(':', start);
+    const std::size_t end = colon != std::string_view::npos ? colon : line.find(')', start);
+    if (end == std::string_view::npos || end == start) {
+        return stamp;
+    }
+    stamp.found = true;
+    stamp.text = line.substr(start, end - start);
+    stamp.hasSeconds = stampSeconds(stamp.text, stamp.seconds);
+    if (colon != std::string_view::npos) {
+        stamp.hasSerial = leadingSerial(line.substr(colon + 1), stamp.serial);
+    }
+    return stamp;
 }
 
 std::string LogConverter::convertToOutputFormat(const ParseResult& result) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -26,6 +27,18 @@ public:
         bool valid = false;
     };
 
+    // Where a line's audit stamp is and what it says: the text between "audit("
+    // and the next ":" (or, lacking one, the next ")"), its seconds after the
+    // millisecond rule, and the serial number after the ":" when there is one.
+    struct AuditStamp {
+        bool found = false;       // a non-empty stamp text exists
+        std::string_view text;    // points into the line it was found in
+        bool hasSeconds = false;  // the text starts with a readable integer
+        long long seconds = 0;
+        bool hasSerial = false;
+        unsigned long long serial = 0;
+    };
+
     // The cache is emptied as soon as it holds more than this many keys.
     static constexpr std::size_t MAX_CACHE_SIZE = 1000;
 
@@ -43,6 +56,8 @@ public:
     std::string extractField(const std::string& line, const std::string& key) const;
     std::string extractQuotedField(const std::string& line, const std::string& key) const;
     ParseResult parseLine(const std::string& line) const;
+    // The stamp step of parseLine, on its own; `line` must outlive the result.
+    static AuditStamp findAuditStamp(std::string_view line);
     std::string convertToOutputFormat(const ParseResult& result);
     std::string convertTimestamp(const std::string& text) const;
     std::string generateLogHash(const ParseResult& result) const;

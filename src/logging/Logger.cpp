@@ -78,6 +78,10 @@ void Logger::log(Level level, const std::string& message) {
     }
     std::lock_guard<std::mutex> lock(mutex_);
 
+    if (capture_ != nullptr) {
+        capture_(captureContext_, level, message);
+        return;
+    }
     if (!initialized_) {
         std::cerr << "[" << levelToString(level) << "] " << message << std::endl;
         return;
@@ -122,6 +126,12 @@ void Logger::closeFile() {
         logFile_.close();
     }
     initialized_ = false;
+}
+
+void Logger::setCapture(Capture capture, void* context) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    capture_ = capture;
+    captureContext_ = context;
 }
 
 std::string Logger::levelToString(Level level) {

@@ -13,6 +13,10 @@ public:
     // print as "UNKNOWN".
     enum Level : int { DEBUG = 0, INFO = 1, WARN = 2, ERROR = 3 };
 
+    // Receives every line that passes the DEBUG filter, in place of the file and the
+    // console, so that a program can account for each line itself.
+    using Capture = void (*)(void* context, Level level, const std::string& message);
+
     static Logger& getInstance();
 
     Logger(const Logger&) = delete;
@@ -22,6 +26,9 @@ public:
     void log(Level level, const std::string& message);
     void setDebugMode(bool enabled);
     void closeFile();
+    // A null capture restores the normal routing. Works whether or not init was
+    // called. The capture runs under the logger's lock and must not log itself.
+    void setCapture(Capture capture, void* context);
 
     static std::string levelToString(Level level);
     static std::string getCurrentTimestamp();
@@ -39,4 +46,6 @@ private:
     std::mutex mutex_;
     bool debugEnabled_ = false;
     bool initialized_ = false;
+    Capture capture_ = nullptr;
+    void* captureContext_ = nullptr;
 };

@@ -19,6 +19,7 @@
 
 #include "common/Sleep.h"
 #include "logging/Trace.h"
+#include "reader/LineCutter.h"
 
 namespace {
 
@@ -29,12 +30,6 @@ constexpr std::chrono::seconds RETRY_DELAY{1};
 constexpr std::chrono::milliseconds POLL_INTERVAL{100};
 // A read at least this large leaves memory worth giving back once the load ends.
 constexpr int64_t LARGE_READ_BYTES = 262144;
-
-// First occurrence of `byte` in [from, end), or `end` when there is none.
-const char* findByte(const char* from, const char* end, char byte) {
-    const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
-    return found != nullptr ? static_cast<const char*>(found) : end;
-}
 
 }  // namespace
 
@@ -209,43 +204,31 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
 
     buffer[static_cast<size_t>(bytesRead)] = '\0';
     const char* const end = buffer.data() + bytesRead;
-    const char* lineStart = buffer.data();
     // Reused for every line so that the walk allocates only when a line is
     // longer than any before it.
     std::string line;
-    int linesDelivered = 0;
-
-    while (linesDelivered < MAX_LINES_PER_READ) {
-        // One pass finds the newline or a zero byte, whichever comes first; the
-        // zero byte after the data keeps it inside the buffer.
-        const char* const lineEnd = strchrnul(lineStart, '\n');
-        const char* newline = lineEnd;
-        if (*lineEnd == '\0') {
-            if (lineEnd == end) {
-                break;
+    const LineCutter::Walk walk = LineCutter::cut(
+        buffer.data(), static_cast<size_t>(bytesRead), MAX_LINES_PER_READ,
+        [&](const char* text, size_t length) {
+            if (destroyed_) {
+                return false;
             }
-            // A zero byte inside the line ends it; the rest up to the newline is dropped.
-            newline = findByte(lineEnd, end, '\n');
-            if (newline == end) {
-                break;
-            }
-        }
-        if (newline != lineStart && !destroyed_) {
             try {
-                line.assign(lineStart, static_cast<size_t>(lineEnd - lineStart));
+                line.assign(text, length);
                 callback(line);
-                ++linesDelivered;
+                return true;
             } catch (const std::exception& error) {
                 trace(Logger::ERROR, std::string("Exception processing line: ") + error.what());
+                return false;
             }
-        }
-        lineStart = newline + 1;
-    }
+        });
+    int linesDelivered = static_cast<int>(walk.counted);
 
     // The unfinished tail is delivered now; its rest arrives later as a line of its own.
-    if (!destroyed_ && linesDelivered < MAX_LINES_PER_READ && lineStart < end) {
+    if (!destroyed_ && linesDelivered < MAX_LINES_PER_READ && walk.rest < end) {
         try {
-            line.assign(lineStart, std::strlen(lineStart));
+            line.assign(walk.rest,
+                        LineCutter::textLength(walk.rest, static_cast<size_t>(end - walk.rest)));
             callback(line);
             ++linesDelivered;
         } catch (const std::exception& error) {

@@ -1229,3 +1229,52 @@ TEST_F(LogConverterTest, EmptyLineIsRejected) {
 }
 
 }  // namespace
+
+TEST(LogConverterStampTest, StampGivesTextSecondsAndSerial) {
+    const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp(AVC_LINE);
+    EXPECT_TRUE(stamp.found);
+    EXPECT_EQ(stamp.text, "1731676205.123");
+    EXPECT_TRUE(stamp.hasSeconds);
+    EXPECT_EQ(stamp.seconds, 1731676205);
+    EXPECT_TRUE(stamp.hasSerial);
+    EXPECT_EQ(stamp.serial, 4567u);
+}
+
+TEST(LogConverterStampTest, MillisecondStampGivesSeconds) {
+    const LogConverter::AuditStamp stamp =
+        LogConverter::findAuditStamp("msg=audit(1731676205123:9)");
+    EXPECT_EQ(stamp.text, "1731676205123");
+    EXPECT_EQ(stamp.seconds, 1731676205);
+    EXPECT_EQ(stamp.serial, 9u);
+}
+
+TEST(LogConverterStampTest, StampWithoutColonEndsAtParenthesisAndHasNoSerial) {
+    const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp("audit(1731676205) x");
+    EXPECT_EQ(stamp.text, "1731676205");
+    EXPECT_EQ(stamp.seconds, 1731676205);
+    EXPECT_FALSE(stamp.hasSerial);
+}
+
+TEST(LogConverterStampTest, StampRunsToLaterColonAndSerialNeedsDigits) {
+    const LogConverter::AuditStamp stamp =
+        LogConverter::findAuditStamp("audit(1731676205) avc:  denied");
+    EXPECT_EQ(stamp.text, "1731676205) avc");
+    EXPECT_EQ(stamp.seconds, 1731676205);
+    EXPECT_FALSE(stamp.hasSerial);
+}
+
+TEST(LogConverterStampTest, MissingOrEmptyStampIsNotFound) {
+    EXPECT_FALSE(LogConverter::findAuditStamp("no stamp here").found);
+    EXPECT_FALSE(LogConverter::findAuditStamp("audit(:1)").found);
+    EXPECT_FALSE(LogConverter::findAuditStamp("audit()").found);
+    EXPECT_FALSE(LogConverter::findAuditStamp("x audit(").found);
+}
+
+TEST(LogConverterStampTest, UnreadableStampIsFoundWithoutSeconds) {
+    const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp("audit(abc:1)");
+    EXPECT_TRUE(stamp.found);
+    EXPECT_EQ(stamp.text, "abc");
+    EXPECT_FALSE(stamp.hasSeconds);
+    EXPECT_TRUE(stamp.hasSerial);
+    EXPECT_EQ(stamp.serial, 1u);
+}

@@ -413,3 +413,66 @@ TEST_F(LoggerTest, SetDebugModeBeforeInitPrintsNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+struct CapturedLine {
+    Logger::Level level;
+    std::string message;
+};
+
+void captureInto(void* context, Logger::Level level, const std::string& message) {
+    static_cast<std::vector<CapturedLine>*>(context)->push_back({level, message});
+}
+
+}  // namespace
+
+TEST(LoggerCaptureTest, CaptureReceivesLinesWithoutInitAndPrintsNothing) {
+    Logger& logger = Logger::getInstance();
+    logger.closeFile();
+    std::vector<CapturedLine> lines;
+    logger.setCapture(&captureInto, &lines);
+    CaptureStdout();
+    CaptureStderr();
+    logger.log(Logger::INFO, "hello");
+    logger.log(Logger::ERROR, "boom");
+    const std::string out = GetCapturedStdout();
+    const std::string err = GetCapturedStderr();
+    logger.setCapture(nullptr, nullptr);
+
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].level, Logger::INFO);
+    EXPECT_EQ(lines[0].message, "hello");
+    EXPECT_EQ(lines[1].level, Logger::ERROR);
+    EXPECT_EQ(lines[1].message, "boom");
+}
+
+TEST(LoggerCaptureTest, CaptureKeepsTheDebugFilter) {
+    Logger& logger = Logger::getInstance();
+    logger.closeFile();
+    std::vector<CapturedLine> lines;
+    logger.setCapture(&captureInto, &lines);
+    logger.setDebugMode(false);
+    logger.log(Logger::DEBUG, "hidden");
+    logger.setDebugMode(true);
+    logger.log(Logger::DEBUG, "shown");
+    logger.setDebugMode(false);
+    logger.setCapture(nullptr, nullptr);
+
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].message, "shown");
+}
+
+TEST(LoggerCaptureTest, ClearedCaptureRestoresNormalRouting) {
+    Logger& logger = Logger::getInstance();
+    logger.closeFile();
+    std::vector<CapturedLine> lines;
+    logger.setCapture(&captureInto, &lines);
+    logger.setCapture(nullptr, nullptr);
+    CaptureStderr();
+    logger.log(Logger::INFO, "after");
+    EXPECT_EQ(GetCapturedStderr(), "[INFO] after\n");
+    EXPECT_TRUE(lines.empty());
+}
