@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,9 @@ constexpr std::string_view STAMP_MARKER = "audit(";
 constexpr std::string_view NAME_MARKER = "name=";
 constexpr std::string_view STATUS_MARKER = "avc:";
 constexpr std::string_view KEY_SEPARATOR = "|";
+// Operations that are one word of each event kind.
+constexpr std::string_view EXEC_OPERATIONS[] = {"exec", "execute", "execmod", "interpret"};
+constexpr std::string_view FILE_OPERATIONS[] = {"write", "truncate", "setattr", "unlink", "rename"};
 constexpr std::size_t KEY_TIMESTAMP_LENGTH = 16;
 // Stamps above this are milliseconds; exactly this value still counts as seconds.
 constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
@@ -143,6 +147,9 @@ std::string_view fieldValue(std::string_view line, std::string_view key) {
 
 // Reads the leading integer the way std::stoll does in base 10 (leading white
 // space, an optional sign, then digits), but on a view and without exceptions.
+// Decimal digits that always fit a signed 64-bit number.
+constexpr std::size_t SAFE_DIGITS = 18;
+
 bool parseLeadingInteger(std::string_view text, long long& value) {
     std::size_t i = 0;
     while (i < text.size() && isCSpace(text[i])) {
@@ -157,6 +164,12 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     constexpr long long lowest = std::numeric_limits<long long>::min();
     long long accumulated = 0;
     bool anyDigit = false;
+    // The first 18 digits cannot overflow, so they need no check.
+    const std::size_t unchecked = std::min(text.size(), i + SAFE_DIGITS);
+    for (; i < unchecked && text[i] >= '0' && text[i] <= '9'; ++i) {
+        accumulated = accumulated * 10 - (text[i] - '0');
+        anyDigit = true;
+    }
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const int digit = text[i] - '0';
         if (accumulated < (lowest + digit) / 10) {
@@ -349,6 +362,11 @@ bool leadingSerial(std::string_view text, unsigned long long& serial) {
     constexpr unsigned long long highest = std::numeric_limits<unsigned long long>::max();
     unsigned long long value = 0;
     std::size_t i = 0;
+    // The first 18 digits cannot overflow, so they need no check.
+    const std::size_t unchecked = std::min(text.size(), SAFE_DIGITS);
+    for (; i < unchecked && text[i] >= '0' && text[i] <= '9'; ++i) {
+        value = value * 10 + static_cast<unsigned>(text[i] - '0');
+    }
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const unsigned digit = static_cast<unsigned>(text[i] - '0');
         if (value > (highest - digit) / 10) {
@@ -396,11 +414,16 @@ std::string extractOperation(std::string_view line) {
     if (close == std::string_view::npos) {
         return operation;
     }
-    for (const char c : line.substr(open + 1, close - open - 1)) {
+    // Sized once, then filled, instead of one append per character.
+    const std::string_view inside = line.substr(open + 1, close - open - 1);
+    operation.resize(inside.size());
+    std::size_t length = 0;
+    for (const char c : inside) {
         if (!isCSpace(c)) {
-            operation += lowerChar(c);
+            operation[length++] = lowerChar(c);
         }
     }
+    operation.resize(length);
     return operation;
 }
 
@@ -488,87 +511,90 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const
             return result;
         }
 
-        const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
-        if (containerId.empty()) {
-            trace(debugMode_, Logger::DEBUG,
-                  [&] { return "container_id field not found in log, skipping"; });
-            return result;
-        }
-        result.containerId = containerId;
-        trace(debugMode_, Logger::DEBUG,
-              [&] { return "Container ID from container_id field: " + result.containerId; });
-
-        const AuditStamp stamp = findAuditStamp(line);
-        if (!stamp.found) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
-            return result;
-        }
-        if (stamp.hasSeconds) {
-            result.timestamp = convertedTime(stamp.seconds);
-        }
-        if (result.timestamp.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
-            return result;
-        }
-        trace(debugMode_, Logger::DEBUG,
-              [&] { return "Converted timestamp: " + result.timestamp; });
-
-        std::string_view typeView;
-        if (!findAuditType(line, typeView) || typeView.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
-            return result;
-        }
-        const std::string type(typeView);
-        trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
-
-        if (type == AVC_TYPE) {
-            result.path = nameValue(line);
-        } else if (type == NETCTL_TYPE) {
-            std::string procPath(fieldValue(line, PROC_PATH_KEY));
-            if (procPath.empty()) {
-                // The second attempt gives the same result; it is the parser's
-                // established order and costs nothing on a line that has the field.
-                procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
-            }
-            if (!procPath.empty()) {
-                result.path = std::move(procPath);
-                trace(debugMode_, Logger::DEBUG,
-                      [&] { return "NETCTL path extracted from proc_path: " + result.path; });
-            }
-        }
-        if (result.path.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
-            return result;
-        }
-        trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
-
-        const std::string operation = extractOperation(line);
-        trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
-
-        result.eventType = determineEventType(type, operation);
-        if (result.eventType == EventType::UNKNOWN) {
-            trace(debugMode_, Logger::DEBUG,
-                  [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
-            return result;
-        }
-
-        result.statusType = determineStatusType(line);
-        if (result.statusType == StatusType::UNKNOWN) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
-            return result;
-        }
-
-        result.valid = true;
-        trace(debugMode_, Logger::DEBUG, [&] {
-            return "Parse successful - container_id: " + result.containerId + ", type: " + type +
-                   ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
-                   ", path: " + result.path +
-                   ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
-        });
+        parseRecord(line, result);
     } catch (const std::exception& e) {
         trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
     return result;
+}
+
+void LogConverter::parseRecord(const std::string& line, ParseResult& result) const {
+    const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
+    if (containerId.empty()) {
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "container_id field not found in log, skipping"; });
+        return;
+    }
+    result.containerId = containerId;
+    trace(debugMode_, Logger::DEBUG,
+          [&] { return "Container ID from container_id field: " + result.containerId; });
+
+    const AuditStamp stamp = findAuditStamp(line);
+    if (!stamp.found) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
+        return;
+    }
+    if (stamp.hasSeconds) {
+        result.timestamp = convertedTime(stamp.seconds);
+    }
+    if (result.timestamp.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
+        return;
+    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
+
+    std::string_view typeView;
+    if (!findAuditType(line, typeView) || typeView.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
+        return;
+    }
+    const std::string type(typeView);
+    trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
+
+    if (type == AVC_TYPE) {
+        result.path = nameValue(line);
+    } else if (type == NETCTL_TYPE) {
+        std::string procPath(fieldValue(line, PROC_PATH_KEY));
+        if (procPath.empty()) {
+            // The second attempt gives the same result; it is the parser's
+            // established order and costs nothing on a line that has the field.
+            procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
+        }
+        if (!procPath.empty()) {
+            result.path = std::move(procPath);
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "NETCTL path extracted from proc_path: " + result.path; });
+        }
+    }
+    if (result.path.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
+        return;
+    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
+
+    const std::string operation = extractOperation(line);
+    trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
+
+    result.eventType = determineEventType(type, operation);
+    if (result.eventType == EventType::UNKNOWN) {
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
+        return;
+    }
+
+    result.statusType = determineStatusType(line);
+    if (result.statusType == StatusType::UNKNOWN) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
+        return;
+    }
+
+    result.valid = true;
+    trace(debugMode_, Logger::DEBUG, [&] {
+        return "Parse successful - container_id: " + result.containerId + ", type: " + type +
+               ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
+               ", path: " + result.path +
+               ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
+    });
 }
 
 LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line) {
@@ -652,6 +678,21 @@ LogConverter::EventType LogConverter::determineEventType(const std::string& type
         return EventType::NETCTL;
     }
     if (equalsLowered(type, "qirn_avc")) {
+        // With no trace to write, an operation that is exactly one of the
+        // words is settled without a lower-cased copy and the searches in it;
+        // each such word gives what the searches below would.
+        if (!debugMode_) {
+            for (const std::string_view word : EXEC_OPERATIONS) {
+                if (equalsLowered(operation, word)) {
+                    return EventType::EXECTL;
+                }
+            }
+            for (const std::string_view word : FILE_OPERATIONS) {
+                if (equalsLowered(operation, word)) {
+                    return EventType::FILECTL;
+                }
+            }
+        }
         // Lower-cased once, then searched for each word: an operation is short
         // enough to stay in the string's own buffer.
         const std::string lowered = lowerCopy(operation);
@@ -693,6 +734,16 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     const std::string_view word = text.substr(start, end - start);
     trace(debugMode_, Logger::DEBUG, [&] { return "Extracted status word: " + std::string(word); });
 
+    // With no trace to write, the two words audit records carry are settled
+    // without a lower-cased copy and a search in it.
+    if (!debugMode_) {
+        if (equalsLowered(word, "denied")) {
+            return StatusType::ENFORCING;
+        }
+        if (equalsLowered(word, "detected")) {
+            return StatusType::PERMISSIVE;
+        }
+    }
     const std::string lowered = lowerCopy(word);
     if (contains(lowered, "denied")) {
         trace(debugMode_, Logger::DEBUG,

@@ -214,7 +214,10 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
                 return false;
             }
             try {
-                line.assign(text, length);
+                // clear() and append() copy without the general replacement
+                // that assign() goes through.
+                line.clear();
+                line.append(text, length);
                 callback(line);
                 return true;
             } catch (const std::exception& error) {
