@@ -45,6 +45,34 @@ char lowerChar(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A'
 
 bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+// Copies a piece of a composed text: most pieces are short, and two
+// overlapping fixed-size moves copy them without a library call.
+void copyPiece(char* out, const char* from, std::size_t size) {
+    constexpr std::size_t WORD = sizeof(std::uint64_t);
+    constexpr std::size_t HALF = sizeof(std::uint32_t);
+    if (size > 2 * WORD) {
+        std::memcpy(out, from, size);
+    } else if (size >= WORD) {
+        std::uint64_t head = 0;
+        std::uint64_t tail = 0;
+        std::memcpy(&head, from, WORD);
+        std::memcpy(&tail, from + size - WORD, WORD);
+        std::memcpy(out, &head, WORD);
+        std::memcpy(out + size - WORD, &tail, WORD);
+    } else if (size >= HALF) {
+        std::uint32_t head = 0;
+        std::uint32_t tail = 0;
+        std::memcpy(&head, from, HALF);
+        std::memcpy(&tail, from + size - HALF, HALF);
+        std::memcpy(out, &head, HALF);
+        std::memcpy(out + size - HALF, &tail, HALF);
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            out[i] = from[i];
+        }
+    }
+}
+
 // One allocation of the exact size instead of one append per piece.
 std::string concat(std::initializer_list<std::string_view> pieces) {
     std::size_t size = 0;
@@ -54,7 +82,7 @@ std::string concat(std::initializer_list<std::string_view> pieces) {
     std::string text(size, '\0');
     char* out = text.data();
     for (const std::string_view piece : pieces) {
-        std::memcpy(out, piece.data(), piece.size());
+        copyPiece(out, piece.data(), piece.size());
         out += piece.size();
     }
     return text;
@@ -166,10 +194,15 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     bool anyDigit = false;
     // The first 18 digits cannot overflow, so they need no check.
     const std::size_t unchecked = std::min(text.size(), i + SAFE_DIGITS);
-    for (; i < unchecked && text[i] >= '0' && text[i] <= '9'; ++i) {
-        accumulated = accumulated * 10 - (text[i] - '0');
-        anyDigit = true;
+    const std::size_t firstDigit = i;
+    for (; i < unchecked; ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - static_cast<unsigned>('0');
+        if (digit > 9) {
+            break;
+        }
+        accumulated = accumulated * 10 - static_cast<long long>(digit);
     }
+    anyDigit = i > firstDigit;
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const int digit = text[i] - '0';
         if (accumulated < (lowest + digit) / 10) {
@@ -364,8 +397,12 @@ bool leadingSerial(std::string_view text, unsigned long long& serial) {
     std::size_t i = 0;
     // The first 18 digits cannot overflow, so they need no check.
     const std::size_t unchecked = std::min(text.size(), SAFE_DIGITS);
-    for (; i < unchecked && text[i] >= '0' && text[i] <= '9'; ++i) {
-        value = value * 10 + static_cast<unsigned>(text[i] - '0');
+    for (; i < unchecked; ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - static_cast<unsigned>('0');
+        if (digit > 9) {
+            break;
+        }
+        value = value * 10 + digit;
     }
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const unsigned digit = static_cast<unsigned>(text[i] - '0');
