@@ -60,6 +60,7 @@ bool assemblePipeline(const std::string& inputPath, const std::string& outputPat
 
     try {
         reader = LogReader::create(inputPath);
+        // Owned by the holder alone; the callback reaches it only through the holder.
         writerHolder = std::make_unique<LogWriter>(outputPath);
         trace(Logger::INFO, "Reader and writer initialized successfully");
     } catch (const std::exception& e) {

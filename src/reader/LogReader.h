@@ -3,8 +3,6 @@
 // consumed, reopens it after rotation, replacement or truncation, and hands
 // every new line to a callback from a detached monitor thread.
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <functional>

@@ -101,26 +101,22 @@ TEST_F(LogConverterLibraryPinTest, OperationIsLoweredAndStrippedLikeToLowerAndIs
 }
 
 TEST_F(LogConverterLibraryPinTest, TypeIsComparedLikeToLowerForAllBytesAtEveryPosition) {
-    const std::string netctl = "qirn_netctl";
-    const std::string avc = "qirn_avc";
-    for (std::size_t position = 0; position < netctl.size(); ++position) {
-        for (int byte = 0; byte < 256; ++byte) {
-            std::string type = "QIRN_NETCTL";
-            type[position] = static_cast<char>(byte);
-            const bool same = std::tolower(byte) == netctl[position];
-            EXPECT_EQ(same ? LogConverter::EventType::NETCTL : LogConverter::EventType::UNKNOWN,
-                      converter().determineEventType(type, "connect"))
-                << "position " << position << ", " << byteName(byte);
-        }
-    }
-    for (std::size_t position = 0; position < avc.size(); ++position) {
-        for (int byte = 0; byte < 256; ++byte) {
-            std::string type = "QIRN_AVC";
-            type[position] = static_cast<char>(byte);
-            const bool same = std::tolower(byte) == avc[position];
-            EXPECT_EQ(same ? LogConverter::EventType::FILECTL : LogConverter::EventType::UNKNOWN,
-                      converter().determineEventType(type, "write"))
-                << "position " << position << ", " << byteName(byte);
+    struct TypeCase {
+        std::string type;
+        const char* operation;
+        LogConverter::EventType event;
+    };
+    for (const TypeCase& c : {TypeCase{"QIRN_NETCTL", "connect", LogConverter::EventType::NETCTL},
+                              TypeCase{"QIRN_AVC", "write", LogConverter::EventType::FILECTL}}) {
+        for (std::size_t position = 0; position < c.type.size(); ++position) {
+            for (int byte = 0; byte < 256; ++byte) {
+                std::string type = c.type;
+                type[position] = static_cast<char>(byte);
+                const bool same = std::tolower(byte) == std::tolower(c.type[position]);
+                EXPECT_EQ(same ? c.event : LogConverter::EventType::UNKNOWN,
+                          converter().determineEventType(type, c.operation))
+                    << c.type << ", position " << position << ", " << byteName(byte);
+            }
         }
     }
 }

@@ -1162,6 +1162,21 @@ TEST_F(LogReaderTest, StopMonitoringEndsTheThread) {
     EXPECT_TRUE(waitForLog("[INFO] Monitor thread stopped for " + path));
 }
 
+TEST_F(LogReaderTest, SecondStartMonitoringOnARunningReaderStartsASecondThread) {
+    const std::string path = dir_.file("input.log");
+    writeFile(path, "one\n");
+    auto reader = LogReader::create(path);
+    ASSERT_TRUE(reader->startMonitoring([](const std::string&) {}));
+    ASSERT_TRUE(waitForLog("[INFO] Monitor thread started for " + path));
+
+    EXPECT_TRUE(reader->startMonitoring([](const std::string&) {}));
+
+    EXPECT_TRUE(waitForLogCount("[INFO] Monitor thread started for " + path, 2));
+    // The two threads share the reader's fields without a lock: stop them at once.
+    reader->stopMonitoring();
+    EXPECT_TRUE(waitForLogCount("[INFO] Monitor thread stopped for " + path, 2));
+}
+
 TEST_F(LogReaderTest, InitialReadDeliversDataAppendedSinceAnEarlierOpen) {
     const std::string path = dir_.file("input.log");
     writeFile(path, "old\n");

@@ -1,13 +1,20 @@
 #include "writer/LogWriter.h"
 
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 #include <string>
 
 #include "logging/Logger.h"
+#include "support/ServiceRunner.h"
 #include "support/TestSupport.h"
 
 using namespace testing_support;
@@ -19,6 +26,17 @@ public:
 };
 
 namespace {
+
+// Clears CAP_DAC_OVERRIDE from the calling process's effective capabilities.
+bool dropDacOverride() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capget, &header, data) != 0) {
+        return false;
+    }
+    data[CAP_TO_INDEX(CAP_DAC_OVERRIDE)].effective &= ~CAP_TO_MASK(CAP_DAC_OVERRIDE);
+    return syscall(SYS_capset, &header, data) == 0;
+}
 
 class LogWriterTest : public ::testing::Test {
 protected:
@@ -62,6 +80,62 @@ TEST_F(LogWriterTest, MissingDirectoryLogsErrorAndEveryWriteRetriesOnceAndFails)
     EXPECT_FALSE(writer.writeLine("b"));
     EXPECT_EQ(3, countSubstring(messages(), error));
     EXPECT_FALSE(fileExists(path));
+}
+
+TEST_F(LogWriterTest, UnwritableDirectoryLogsPermissionDeniedAndEveryWriteFails) {
+    // Root writes anywhere through CAP_DAC_OVERRIDE, so the writer runs in a
+    // child that has dropped it from its effective set.
+    const std::string directory = dir_.file("locked");
+    ASSERT_EQ(0, mkdir(directory.c_str(), 0555));
+    const std::string path = directory + "/out.log";
+    const std::string error =
+        "[ERROR] Failed to open output file: " + path + " - Permission denied";
+
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        if (!dropDacOverride()) {
+            _exit(2);
+        }
+        LogWriter writer(path);
+        const bool opened = LogWriterTestPeer::isOpen(writer);
+        const bool written = writer.writeLine("a");
+        _exit(opened || written ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ(2, countSubstring(messages(), error));
+    EXPECT_FALSE(fileExists(path));
+}
+
+TEST_F(LogWriterTest, ReadOnlyFileSystemLogsItsErrorAndEveryWriteFails) {
+    const PrivateRootResult result = runInPrivateRoot([] {
+        mkdir("/qlc-ro", 0755);
+        if (mount("tmpfs", "/qlc-ro", "tmpfs", MS_RDONLY, "mode=0755") != 0) return 2;
+        initLogger("/qlc-diag.log", false);
+        LogWriter writer("/qlc-ro/out.log");
+        const bool opened = LogWriterTestPeer::isOpen(writer);
+        const bool written = writer.writeLine("a");
+        // The diagnostic log lives in the private root: hand it out.
+        std::cout << "--- diagnostics\n" << readFile("/qlc-diag.log");
+        return opened || written || fileExists("/qlc-ro/out.log") ? 1 : 0;
+    });
+
+    EXPECT_EQ(0, result.exitCode) << result.stderrText;
+    const auto cut = result.stdoutText.find("--- diagnostics\n");
+    ASSERT_NE(std::string::npos, cut) << result.stdoutText;
+    const std::string diagnostics = result.stdoutText.substr(cut);
+    const std::string error =
+        "[ERROR] Failed to open output file: /qlc-ro/out.log - Read-only file system";
+    std::size_t count = 0;
+    for (std::size_t at = diagnostics.find(error); at != std::string::npos;
+         at = diagnostics.find(error, at + 1)) {
+        ++count;
+    }
+    EXPECT_EQ(2u, count) << diagnostics;
 }
 
 TEST_F(LogWriterTest, OneCharacterLineGrowsFileAndExpectedSizeByTwo) {
