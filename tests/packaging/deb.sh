@@ -42,10 +42,14 @@ note "contents (dpkg-deb -c)"
 dpkg-deb -c "$deb" | tee "$SCRATCH/contents.txt"
 expected='./etc/logrotate.d/qirn-log-converter
 ./etc/qirn/qirn-log-converter.conf
+./usr/bin/qirn-log-convert
 ./usr/lib/systemd/system/qirn-log-converter.service
+./usr/lib/systemd/system/qirn-log-reconcile.service
+./usr/lib/systemd/system/qirn-log-reconcile.timer
 ./usr/sbin/qirn-log-converter
 ./usr/share/doc/qirn-log-converter/changelog.gz
 ./usr/share/doc/qirn-log-converter/copyright
+./usr/share/man/man1/qirn-log-convert.1.gz
 ./usr/share/man/man8/qirn-log-converter.8.gz'
 actual=$(awk '$1 !~ /^d/ {print $6}' "$SCRATCH/contents.txt" | sort)
 [ "$expected" = "$actual" ] || { diff <(echo "$expected") <(echo "$actual") || true; fail "files"; }

@@ -17,5 +17,7 @@ events=$(grep -c . "$QLC_SOURCE_DIR/examples/expected-events.log")
 lines=$(grep -c . "$QLC_SOURCE_DIR/examples/sample-audit.log")
 grep -qx "$lines audit lines appended, $events events written." "$SCRATCH/demo.txt" ||
     fail "the demo's totals differ"
+grep -qF -- "-> ignored: unknown-event (type=QIRN_AVC, operation=read)" "$SCRATCH/demo.txt" ||
+    fail "the demo did not take its reason from qirn-log-convert --explain=all"
 grep -qx 'Exit status: 0' "$SCRATCH/demo.txt" || fail "no clean exit status"
 echo "PASS"

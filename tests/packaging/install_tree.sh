@@ -16,8 +16,12 @@ check_tree() {
 644 etc/logrotate.d/qirn-log-converter
 644 etc/qirn/qirn-log-converter.conf
 755 ${prefix#/}/sbin/qirn-log-converter
+755 ${prefix#/}/bin/qirn-log-convert
 644 ${prefix#/}/lib/systemd/system/qirn-log-converter.service
+644 ${prefix#/}/lib/systemd/system/qirn-log-reconcile.service
+644 ${prefix#/}/lib/systemd/system/qirn-log-reconcile.timer
 644 ${prefix#/}/share/man/man8/qirn-log-converter.8.gz
+644 ${prefix#/}/share/man/man1/qirn-log-convert.1.gz
 644 ${prefix#/}/share/doc/qirn-log-converter/copyright
 644 ${prefix#/}/share/doc/qirn-log-converter/changelog.gz
 EOF
@@ -31,6 +35,12 @@ EOF
     local unit="$root${prefix}/lib/systemd/system/qirn-log-converter.service"
     grep -qx "ExecStart=${prefix}/sbin/qirn-log-converter" "$unit" ||
         fail "ExecStart of $unit does not name ${prefix}/sbin/qirn-log-converter"
+    local reconcile="$root${prefix}/lib/systemd/system/qirn-log-reconcile.service"
+    grep -q "exec ${prefix}/bin/qirn-log-convert " "$reconcile" ||
+        fail "the reconcile unit of $reconcile does not run ${prefix}/bin/qirn-log-convert"
+    cmp -s "$root${prefix}/lib/systemd/system/qirn-log-reconcile.timer" \
+        "$QLC_SOURCE_DIR/packaging/qirn-log-reconcile.timer" ||
+        fail "installed timer differs from the source"
     cmp -s "$root/etc/qirn/qirn-log-converter.conf" \
         "$QLC_SOURCE_DIR/packaging/qirn-log-converter.conf" ||
         fail "installed configuration differs from packaging/qirn-log-converter.conf"
@@ -42,6 +52,7 @@ EOF
 
     local gz
     for gz in "$root${prefix}/share/man/man8/qirn-log-converter.8.gz" \
+              "$root${prefix}/share/man/man1/qirn-log-convert.1.gz" \
               "$root${prefix}/share/doc/qirn-log-converter/changelog.gz"; do
         gzip -t "$gz" || fail "$gz is not a valid gzip file"
         # gzip -n: no stored name and a zero time stamp (bytes 4-7).
@@ -51,6 +62,9 @@ EOF
     zcat "$root${prefix}/share/man/man8/qirn-log-converter.8.gz" |
         cmp -s - "$QLC_SOURCE_DIR/packaging/qirn-log-converter.8" ||
         fail "installed manual page differs from the source"
+    zcat "$root${prefix}/share/man/man1/qirn-log-convert.1.gz" |
+        cmp -s - "$QLC_SOURCE_DIR/packaging/qirn-log-convert.1" ||
+        fail "installed manual page of the companion command differs from the source"
 }
 
 note "prefix /usr"

@@ -17,7 +17,8 @@ cat "$SCRATCH/debug.txt"
 if grep -qi '^error' "$SCRATCH/debug.txt"; then
     fail "logrotate -d reports errors"
 fi
-for log in /var/log/zarvo_container.log /var/log/qirn-log-converter.log; do
+for log in /var/log/zarvo_container.log /var/log/qirn-log-converter.log \
+           /var/log/zarvo_container.backfill.log; do
     grep -q "rotating pattern: $log " "$SCRATCH/debug.txt" || fail "no rule for $log"
 done
 
@@ -28,7 +29,10 @@ mkdir -m 0755 "$varlog"
 printf 'Nov 15 13:10:05,container_id=3f2a9c,Event=filectl,path=/etc/passwd,status=enforcing\n' \
     >"$varlog/zarvo_container.log"
 printf '[2026-03-01 08:05:09.042] [INFO] Logger initialized\n' >"$varlog/qirn-log-converter.log"
-chmod 0640 "$varlog/zarvo_container.log" "$varlog/qirn-log-converter.log"
+printf 'Nov 15 13:10:06,container_id=3f2a9c,Event=filectl,path=/etc/group,status=enforcing\n' \
+    >"$varlog/zarvo_container.backfill.log"
+chmod 0640 "$varlog/zarvo_container.log" "$varlog/qirn-log-converter.log" \
+    "$varlog/zarvo_container.backfill.log"
 diag_inode=$(stat -c %i "$varlog/qirn-log-converter.log")
 
 unshare --mount --propagation private -- sh -c '
@@ -42,6 +46,10 @@ grep -q 'status=enforcing' "$varlog/zarvo_container.log.1" || fail "output log n
 [ -f "$varlog/zarvo_container.log" ] || fail "no new output log created"
 [ ! -s "$varlog/zarvo_container.log" ] || fail "new output log is not empty"
 [ "$(stat -c %a "$varlog/zarvo_container.log")" = 640 ] || fail "new output log lost its mode"
+# Backfill log: renamed and recreated the same way.
+grep -q 'path=/etc/group' "$varlog/zarvo_container.backfill.log.1" || fail "backfill log not rotated"
+[ -f "$varlog/zarvo_container.backfill.log" ] && [ ! -s "$varlog/zarvo_container.backfill.log" ] ||
+    fail "no new empty backfill log"
 # Diagnostic log: same file, truncated, its content copied to .1.
 grep -q 'Logger initialized' "$varlog/qirn-log-converter.log.1" || fail "diagnostic log not copied"
 [ "$(stat -c %i "$varlog/qirn-log-converter.log")" = "$diag_inode" ] ||

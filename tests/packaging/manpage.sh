@@ -27,4 +27,22 @@ grep -qF 'Nov 15 13:10:05,container_id=3f2a9c,Event=filectl,path=/etc/passwd,sta
     "$SCRATCH/page.txt" || fail "the example output line is missing from the rendered page"
 grep -qF 'qirn-log-converter [input [output [debug]]]' "$SCRATCH/page.txt" ||
     fail "the synopsis is missing from the rendered page"
+note "the companion command's page: groff -man -ww -z, sections, every reason code"
+convert_page="$QLC_SOURCE_DIR/packaging/qirn-log-convert.1"
+groff -man -ww -z "$convert_page" >"$SCRATCH/groff1.txt" 2>&1 ||
+    { cat "$SCRATCH/groff1.txt"; fail "groff failed on qirn-log-convert.1"; }
+if [ -s "$SCRATCH/groff1.txt" ]; then
+    cat "$SCRATCH/groff1.txt"
+    fail "groff warns about qirn-log-convert.1"
+fi
+for section in NAME SYNOPSIS DESCRIPTION OPTIONS "REASON CODES" RECONCILIATION "EXIT STATUS" \
+               DIAGNOSTICS ENVIRONMENT FILES "SEE ALSO"; do
+    grep -qx "\\.SH \"\\?$section\"\\?" "$convert_page" || fail "qirn-log-convert.1: no $section section"
+done
+groff -man -Tutf8 -P-c -rLL=120n "$convert_page" 2>/dev/null | sed 's/.\x08//g' >"$SCRATCH/page1.txt"
+for code in type no-container no-stamp bad-stamp no-path unknown-event unknown-status duplicate \
+            too-long exception out-of-range present; do
+    grep -qE "^       $code( |$)" "$SCRATCH/page1.txt" || fail "qirn-log-convert.1: reason $code not documented"
+done
+tr -s ' \n' ' ' <"$SCRATCH/page1.txt" | grep -qF 'one letter short' || fail "qirn-log-convert.1: the name is not explained"
 echo "PASS"

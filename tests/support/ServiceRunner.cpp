@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -166,6 +167,28 @@ void ServiceRunner::sendSignal(int signum) {
         kill(pid_, signum);
     }
 }
+
+bool ServiceRunner::pause(std::chrono::milliseconds timeout) {
+    sendSignal(SIGSTOP);
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    // Each thread's state is the field after the parenthesised command name.
+    return waitUntil(
+        [&tasks] {
+            std::error_code error;
+            for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+                const std::string stat = readFile(task.path().string() + "/stat");
+                const std::size_t close = stat.rfind(')');
+                if (close == std::string::npos || close + 2 >= stat.size() ||
+                    stat[close + 2] != 'T') {
+                    return false;
+                }
+            }
+            return !error;
+        },
+        timeout);
+}
+
+void ServiceRunner::resume() { sendSignal(SIGCONT); }
 
 bool ServiceRunner::waitForExit(std::chrono::milliseconds timeout, int* exitCode) {
     const bool ended = waitUntil([this] { return !isRunning(); }, timeout);

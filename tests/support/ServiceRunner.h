@@ -47,6 +47,11 @@ public:
     pid_t pid() const { return pid_; }
     bool isRunning();
     void sendSignal(int signum);
+    // Stops every thread of the service (SIGSTOP) and waits until they are
+    // stopped, so that files can be changed between two of its polls; resume
+    // continues it. False when it did not stop in time.
+    bool pause(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    void resume();
     // Waits for the process to end; false on timeout. `exitCode` gets the exit
     // status, or 128 + signal number when it was killed by a signal.
     bool waitForExit(std::chrono::milliseconds timeout, int* exitCode);

@@ -1,0 +1,73 @@
+#pragma once
+// Decides what the service would do with one audit line, and why, using only
+// what the converter itself reports: the record as far as it was filled, the
+// type filter, the duplicate cache and, for the few cases those leave open,
+// the converter's own trace of that one line, captured from the logger.
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "converter/LogConverter.h"
+#include "logging/Logger.h"
+
+class LineJudge {
+public:
+    enum class Reason {
+        EVENT,
+        TYPE,
+        NO_CONTAINER,
+        NO_STAMP,
+        BAD_STAMP,
+        NO_PATH,
+        UNKNOWN_EVENT,
+        UNKNOWN_STATUS,
+        DUPLICATE,
+        TOO_LONG,
+        EXCEPTION,
+        OUT_OF_RANGE,
+        PRESENT,
+    };
+    static constexpr std::size_t REASON_COUNT = static_cast<std::size_t>(Reason::PRESENT) + 1;
+
+    struct Verdict {
+        Reason reason = Reason::TYPE;
+        // Only for a detailed judge, or where the reason itself needs it.
+        std::string detail;
+        LogConverter::ParseResult record;
+        std::string event;  // the output line, for EVENT
+    };
+
+    // With `detailed` set, a rejected line is run once more with the trace on
+    // so that its detail can be named; plain conversion composes no trace.
+    explicit LineJudge(bool detailed);
+    ~LineJudge();
+    LineJudge(const LineJudge&) = delete;
+    LineJudge& operator=(const LineJudge&) = delete;
+
+    // First step: parses the line. A valid record leaves reason EVENT with the
+    // cache untouched, so that the caller can still leave it out by its time.
+    void parse(const std::string& line, Verdict& verdict);
+    // Second step for a valid record: the duplicate cache and the output line.
+    void emit(Verdict& verdict);
+
+    static const char* reasonName(Reason reason);
+    // Logger lines that no reason accounted for, e.g. an unexpected error.
+    std::vector<std::string> takeStrayLines();
+    bool hasStrayLines() const { return !captured_.empty(); }
+
+private:
+    static void capture(void* context, Logger::Level level, const std::string& message);
+    void classifyRejected(const std::string& line, Verdict& verdict);
+    // Runs the line again with the converter's trace captured; the trace only.
+    std::vector<std::string> trace(const std::string& line);
+    static bool findTrace(const std::vector<std::string>& lines, std::string_view prefix,
+                          std::string* rest);
+    bool takeCaptured(std::string_view prefix, std::string* rest);
+
+    // Before the converter: its first line is captured while it is constructed.
+    std::vector<std::string> captured_;
+    LogConverter& converter_;
+    bool detailed_;
+};
