@@ -46,6 +46,15 @@ expected='./etc/logrotate.d/qirn-log-converter
 ./usr/sbin/qirn-log-converter
 ./usr/share/doc/qirn-log-converter/changelog.gz
 ./usr/share/doc/qirn-log-converter/copyright
+./usr/share/doc/qirn-log-converter/examples/shipping/README.md
+./usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-tls.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder-tls.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector-tls.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder-tls.conf
+./usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder.conf
 ./usr/share/man/man8/qirn-log-converter.8.gz'
 actual=$(awk '$1 !~ /^d/ {print $6}' "$SCRATCH/contents.txt" | sort)
 [ "$expected" = "$actual" ] || { diff <(echo "$expected") <(echo "$actual") || true; fail "files"; }
