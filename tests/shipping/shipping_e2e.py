@@ -61,8 +61,8 @@ ENGINES = {
 CAUSES = {
     "rsyslog": {
         "forwarder restarted while the collector is down":
-            "the first line sent on the connection the collector had closed; librelp keeps "
-            "unacknowledged lines only in memory and the restart drops them",
+            "lines sent but not yet acknowledged when the collector went away: librelp keeps "
+            "them for resending in memory only, and the restart drops them",
     },
     "syslog-ng": {
         "collector stopped":
