@@ -14,6 +14,12 @@ checks every received record field by field.
 
 Exit 0 when every case of the recommended engine lost nothing (a loss of the
 other engine is reported, not failed), 77 when the machine cannot run it.
+
+For diagnosis: QLC_SHIPPING_ONLY=TEXT runs only the cases whose name holds
+TEXT; QLC_KEEP_SCRATCH=1 keeps the hosts' directories; QLC_RSYSLOG_STATS=1
+adds impstats (every second, /var/log/impstats.ROLE on each host);
+QLC_RSYSLOG_DEBUG=forwarder|collector writes rsyslog's debug log of that
+role (/var/log/rsyslog-debug.ROLE.N, one file per start).
 """
 
 import argparse
@@ -61,8 +67,9 @@ ENGINES = {
 CAUSES = {
     "rsyslog": {
         "forwarder restarted while the collector is down":
-            "lines sent but not yet acknowledged when the collector went away: librelp keeps "
-            "them for resending in memory only, and the restart drops them",
+            "the lines librelp had sent but not yet seen acknowledged when the collector went "
+            "away (it keeps them for resending in memory only; at most its window of 2), and "
+            "the line the queue's worker held while retrying (cancelled at shutdown)",
     },
     "syslog-ng": {
         "collector stopped":
@@ -205,9 +212,10 @@ exec sleep infinity
         self.test.processes.append(process)
         return process
 
-    def in_root(self, args, output):
-        return self.spawn(["chroot", self.test.root] + args, output,
-                          env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "TZ": TZ, "LC_ALL": "C"})
+    def in_root(self, args, output, extra_env=None):
+        env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "TZ": TZ, "LC_ALL": "C"}
+        env.update(extra_env or {})
+        return self.spawn(["chroot", self.test.root] + args, output, env=env)
 
 
 # --- Engines --------------------------------------------------------------
@@ -247,11 +255,21 @@ class Rsyslog(Engine):
             # What Debian's rsyslog.conf gives a drop-in: the work directory.
             f.write('global(workDirectory="/var/spool/rsyslog" net.enableDNS="off")\n'
                     'include(file="/run/qlc/qirn-%s.conf")\n' % self.role)
+            if os.environ.get("QLC_RSYSLOG_STATS"):
+                # Diagnosis only: queue and action counters every second.
+                f.write('module(load="impstats" interval="1" format="json" log.syslog="off"'
+                        ' resetCounters="off" log.file="/var/log/impstats.%s")\n' % self.role)
 
     def start(self):
+        env = None
+        if os.environ.get("QLC_RSYSLOG_DEBUG") == self.role:
+            # Diagnosis only: rsyslog's debug log, one file per start.
+            self.starts = getattr(self, "starts", 0) + 1
+            env = {"RSYSLOG_DEBUG": "Debug NoStdOut",
+                   "RSYSLOG_DEBUGLOG": "/var/log/rsyslog-debug.%s.%d" % (self.role, self.starts)}
         self.process = self.host.in_root(
             ["/usr/sbin/rsyslogd", "-n", "-f", "/run/qlc/rsyslog.conf", "-i",
-             "/run/qlc/rsyslogd.pid"], self.output)
+             "/run/qlc/rsyslogd.pid"], self.output, env)
 
 
 class SyslogNg(Engine):
