@@ -99,7 +99,12 @@ for path in usr/sbin/qirn-log-converter etc/qirn/qirn-log-converter.conf \
         etc/logrotate.d/qirn-log-converter usr/share/man/man8/qirn-log-converter.8.gz \
         usr/share/doc/qirn-log-converter/changelog.gz usr/share/doc/qirn-log-converter/copyright \
         usr/bin/qirn-log-convert usr/share/man/man1/qirn-log-convert.1.gz \
-        lib/systemd/system/qirn-log-reconcile.service lib/systemd/system/qirn-log-reconcile.timer; do
+        lib/systemd/system/qirn-log-reconcile.service lib/systemd/system/qirn-log-reconcile.timer \
+        usr/share/doc/qirn-log-converter/examples/shipping/README.md \
+        usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder.conf \
+        usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector.conf \
+        usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder.conf \
+        usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf; do
     [ -f "$SCRATCH/root/$path" ] || fail "the package lacks /$path"
 done
 if dpkg-deb -c "$deb" | awk '{print $2}' | grep -v '^root/root$'; then

@@ -31,6 +31,15 @@ check_tree() {
 644 ${prefix#/}/share/man/man1/qirn-log-convert.1.gz
 644 ${prefix#/}/share/doc/qirn-log-converter/copyright
 644 ${prefix#/}/share/doc/qirn-log-converter/changelog.gz
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/README.md
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-tls.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder-tls.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector-tls.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder-tls.conf
+644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder.conf
 EOF
 )
     actual=$(tree_of "$root")
