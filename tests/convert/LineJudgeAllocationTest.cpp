@@ -50,9 +50,13 @@ TEST(LineJudgeAllocationTest, FailedAllocationWhileParsingIsReasonException) {
 
 TEST(LineJudgeAllocationTest, SameLineWithoutFailureIsAnEvent) {
     LineJudge judge(true);
-    const std::string line =
-        "type=QIRN_AVC msg=audit(1731676206.123:4567): avc:  denied  { write } for pid=1 "
-        "name=\"/etc/passwd\" container_id=container-id-long-enough-to-need-the-heap";
+    // A second of its own on every run, so that a repeated run (the duplicate
+    // cache is process-wide) still meets a new event.
+    static int run = 0;
+    const std::string line = "type=QIRN_AVC msg=audit(" + std::to_string(1731676206 + run++) +
+                             ".123:4567): avc:  denied  { write } for pid=1 "
+                             "name=\"/etc/passwd\" "
+                             "container_id=container-id-long-enough-to-need-the-heap";
     LineJudge::Verdict verdict;
     judge.parse(line, verdict);
     ASSERT_EQ(verdict.reason, LineJudge::Reason::EVENT);
