@@ -70,6 +70,7 @@ private:
     bool settling_;
     bool stopAtTooNew_;  // with a checkpoint: the file stops before such a record
     bool ioError_;
+    bool explaining_;  // rows instead of events
     std::vector<Pending> pending_;
     std::unordered_map<std::string, bool> candidates_;  // key -> found in an event log
     const std::string* sourceName_ = nullptr;
