@@ -173,27 +173,32 @@ bool ConvertRun::handleLine(const LineSource::Line& line, const std::string& sou
     sourceName_ = &sourceName;
     lineNumber_ = line.number;
     if (line.tooLong) {
-        summary_.lineRead();
-        verdict_.reason = LineJudge::Reason::TOO_LONG;
-        verdict_.detail = "longer than " + std::to_string(LineSource::MAX_LINE_SIZE) + " bytes";
-        deliver(verdict_, lineText_);
-        return true;
+        return handleTooLong();
     }
     // clear() and append() reuse the string's room without the general
     // replacement that assign() goes through.
     lineText_.clear();
     lineText_.append(line.text, line.length);
     judge_.parse(lineText_, verdict_);
-    if (verdict_.reason == LineJudge::Reason::TYPE && !explaining_) {
-        // Most lines are of another audit type, and without explanations
-        // there is nothing to write for them.
-        summary_.lineRead();
-        summary_.count(LineJudge::Reason::TYPE);
-        if (judge_.hasStrayLines()) {
-            reportStray();
-        }
-        return true;
+    if (verdict_.reason != LineJudge::Reason::TYPE || explaining_ || judge_.hasStrayLines()) {
+        return handleJudged();
     }
+    // Most lines are of another audit type, and without explanations there
+    // is nothing to write for them.
+    summary_.lineRead();
+    summary_.count(LineJudge::Reason::TYPE);
+    return true;
+}
+
+bool ConvertRun::handleTooLong() {
+    summary_.lineRead();
+    verdict_.reason = LineJudge::Reason::TOO_LONG;
+    verdict_.detail = "longer than " + std::to_string(LineSource::MAX_LINE_SIZE) + " bytes";
+    deliver(verdict_, lineText_);
+    return true;
+}
+
+bool ConvertRun::handleJudged() {
     if (verdict_.reason == LineJudge::Reason::EVENT && useRange_) {
         bool tooNew = false;
         std::string detail;
