@@ -1,36 +1,30 @@
-# Install-time script: installs the systemd unit with ExecStart pointing at
+# Install-time script: installs one systemd unit with ExecStart pointing at
 # the binary's real location. Expects QLC_UNIT_SOURCE, QLC_UNIT_STAGING,
-# QLC_UNIT_SBINDIR (relative to the prefix, or absolute) and QLC_UNIT_DIR
-# (likewise). For a unit that runs another program, QLC_UNIT_PROGRAM names the
-# path written in the source unit and QLC_UNIT_PROGRAM_PREFIX the text before
-# it (defaults: /usr/sbin/qirn-log-converter after "ExecStart=").
+# QLC_UNIT_BINDIR and QLC_UNIT_SBINDIR (relative to the prefix, or absolute)
+# and QLC_UNIT_DIR (likewise).
 
-set(sbindir "${QLC_UNIT_SBINDIR}")
-if(NOT IS_ABSOLUTE "${sbindir}")
-    set(sbindir "${CMAKE_INSTALL_PREFIX}/${sbindir}")
-endif()
-set(unitdir "${QLC_UNIT_DIR}")
-if(NOT IS_ABSOLUTE "${unitdir}")
-    set(unitdir "${CMAKE_INSTALL_PREFIX}/${unitdir}")
-endif()
+function(qlc_absolute out dir)
+    if(NOT IS_ABSOLUTE "${dir}")
+        set(dir "${CMAKE_INSTALL_PREFIX}/${dir}")
+    endif()
+    set(${out} "${dir}" PARENT_SCOPE)
+endfunction()
+qlc_absolute(bindir "${QLC_UNIT_BINDIR}")
+qlc_absolute(sbindir "${QLC_UNIT_SBINDIR}")
+qlc_absolute(unitdir "${QLC_UNIT_DIR}")
 
-if(NOT DEFINED QLC_UNIT_PROGRAM)
-    set(QLC_UNIT_PROGRAM "/usr/sbin/qirn-log-converter")
-endif()
-if(NOT DEFINED QLC_UNIT_PROGRAM_PREFIX)
-    set(QLC_UNIT_PROGRAM_PREFIX "ExecStart=")
-endif()
-get_filename_component(program "${QLC_UNIT_PROGRAM}" NAME)
-get_filename_component(unitname "${QLC_UNIT_SOURCE}" NAME)
-
+# Units are written for the /usr layout; ExecStart lines follow the prefix.
 file(READ "${QLC_UNIT_SOURCE}" unit)
-string(REPLACE "${QLC_UNIT_PROGRAM_PREFIX}${QLC_UNIT_PROGRAM}"
-               "${QLC_UNIT_PROGRAM_PREFIX}${sbindir}/${program}" unit "${unit}")
+string(REPLACE "ExecStart=/usr/sbin/" "ExecStart=${sbindir}/" unit "${unit}")
+string(REPLACE "ExecStart=/usr/bin/" "ExecStart=${bindir}/" unit "${unit}")
+# A unit that runs its program from a shell line names it after "exec ".
+string(REPLACE "exec /usr/bin/" "exec ${bindir}/" unit "${unit}")
 
 # One staging file per destination, so that installs into different places
 # can run at the same time.
-string(MD5 tag "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}|${sbindir}")
-set(staged "${QLC_UNIT_STAGING}/${tag}/${unitname}")
+get_filename_component(name "${QLC_UNIT_SOURCE}" NAME)
+string(MD5 tag "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}|${sbindir}|${name}")
+set(staged "${QLC_UNIT_STAGING}/${tag}/${name}")
 file(WRITE "${staged}" "${unit}")
 file(INSTALL DESTINATION "${unitdir}" TYPE FILE
      PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ

@@ -11,6 +11,34 @@ namespace {
 
 constexpr int32_t PROGRESS_INTERVAL = 100;
 
+// The callback's work for a parsed record. Apart, and never inlined, so that
+// the callback's frame stays small for the lines rejected at once.
+[[gnu::noinline]] void deliverRecord(LogConverter& converter, WriterHolder& writerHolder,
+                                     const LogConverter::ParseResult& result,
+                                     int32_t& outputCount) {
+    const std::string outputLine = converter.convertToOutputFormat(result);
+    if (outputLine.empty()) {
+        return;
+    }
+    // The monitor thread outlives the writer, which is released at
+    // shutdown without stopping it: a line arriving after that finds the
+    // holder empty and is dropped instead of reaching a destroyed writer.
+    LogWriter* writer = writerHolder.get();
+    if (writer == nullptr) {
+        return;
+    }
+    if (!writer->writeLine(outputLine)) {
+        trace(Logger::ERROR, "Failed to write to output file");
+        return;
+    }
+    processedCount.fetch_add(1);
+    ++outputCount;
+    if (outputCount % PROGRESS_INTERVAL == 0) {
+        trace(Logger::INFO, "Processed " + std::to_string(outputCount) +
+                                " lines (total: " + std::to_string(processedCount.load()) + ")");
+    }
+}
+
 }  // namespace
 
 LogReader::LineCallback makeLineCallback(LogConverter& converter, WriterHolder& writerHolder) {
@@ -21,27 +49,7 @@ LogReader::LineCallback makeLineCallback(LogConverter& converter, WriterHolder& 
         if (!result.valid) {
             return;
         }
-        const std::string outputLine = converter.convertToOutputFormat(result);
-        if (outputLine.empty()) {
-            return;
-        }
-        // The monitor thread outlives the writer, which is released at
-        // shutdown without stopping it: a line arriving after that finds the
-        // holder empty and is dropped instead of reaching a destroyed writer.
-        LogWriter* writer = writerHolder.get();
-        if (writer == nullptr) {
-            return;
-        }
-        if (!writer->writeLine(outputLine)) {
-            trace(Logger::ERROR, "Failed to write to output file");
-            return;
-        }
-        processedCount.fetch_add(1);
-        ++outputCount;
-        if (outputCount % PROGRESS_INTERVAL == 0) {
-            trace(Logger::INFO, "Processed " + std::to_string(outputCount) + " lines (total: " +
-                                    std::to_string(processedCount.load()) + ")");
-        }
+        deliverRecord(converter, writerHolder, result, outputCount);
     };
 }
 

@@ -1,5 +1,8 @@
 #include "converter/LogConverter.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,12 +21,17 @@ namespace {
 constexpr std::string_view TYPE_MARKER = "type=";
 constexpr std::string_view AVC_TYPE = "QIRN_AVC";
 constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
+// What both handled types begin with.
+constexpr std::string_view QIRN_PREFIX = "QIRN_";
 constexpr std::string_view CONTAINER_ID_KEY = "container_id";
 constexpr std::string_view PROC_PATH_KEY = "proc_path";
 constexpr std::string_view STAMP_MARKER = "audit(";
 constexpr std::string_view NAME_MARKER = "name=";
 constexpr std::string_view STATUS_MARKER = "avc:";
 constexpr std::string_view KEY_SEPARATOR = "|";
+// Operations that are one word of each event kind.
+constexpr std::string_view EXEC_OPERATIONS[] = {"exec", "execute", "execmod", "interpret"};
+constexpr std::string_view FILE_OPERATIONS[] = {"write", "truncate", "setattr", "unlink", "rename"};
 constexpr std::size_t KEY_TIMESTAMP_LENGTH = 16;
 // Stamps above this are milliseconds; exactly this value still counts as seconds.
 constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
@@ -37,6 +45,34 @@ char lowerChar(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A'
 
 bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+// Copies a piece of a composed text: most pieces are short, and two
+// overlapping fixed-size moves copy them without a library call.
+void copyPiece(char* out, const char* from, std::size_t size) {
+    constexpr std::size_t WORD = sizeof(std::uint64_t);
+    constexpr std::size_t HALF = sizeof(std::uint32_t);
+    if (size > 2 * WORD) {
+        std::memcpy(out, from, size);
+    } else if (size >= WORD) {
+        std::uint64_t head = 0;
+        std::uint64_t tail = 0;
+        std::memcpy(&head, from, WORD);
+        std::memcpy(&tail, from + size - WORD, WORD);
+        std::memcpy(out, &head, WORD);
+        std::memcpy(out + size - WORD, &tail, WORD);
+    } else if (size >= HALF) {
+        std::uint32_t head = 0;
+        std::uint32_t tail = 0;
+        std::memcpy(&head, from, HALF);
+        std::memcpy(&tail, from + size - HALF, HALF);
+        std::memcpy(out, &head, HALF);
+        std::memcpy(out + size - HALF, &tail, HALF);
+    } else {
+        for (std::size_t i = 0; i < size; ++i) {
+            out[i] = from[i];
+        }
+    }
+}
+
 // One allocation of the exact size instead of one append per piece.
 std::string concat(std::initializer_list<std::string_view> pieces) {
     std::size_t size = 0;
@@ -46,7 +82,7 @@ std::string concat(std::initializer_list<std::string_view> pieces) {
     std::string text(size, '\0');
     char* out = text.data();
     for (const std::string_view piece : pieces) {
-        std::memcpy(out, piece.data(), piece.size());
+        copyPiece(out, piece.data(), piece.size());
         out += piece.size();
     }
     return text;
@@ -139,6 +175,9 @@ std::string_view fieldValue(std::string_view line, std::string_view key) {
 
 // Reads the leading integer the way std::stoll does in base 10 (leading white
 // space, an optional sign, then digits), but on a view and without exceptions.
+// Decimal digits that always fit a signed 64-bit number.
+constexpr std::size_t SAFE_DIGITS = 18;
+
 bool parseLeadingInteger(std::string_view text, long long& value) {
     std::size_t i = 0;
     while (i < text.size() && isCSpace(text[i])) {
@@ -153,6 +192,17 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     constexpr long long lowest = std::numeric_limits<long long>::min();
     long long accumulated = 0;
     bool anyDigit = false;
+    // The first 18 digits cannot overflow, so they need no check.
+    const std::size_t unchecked = std::min(text.size(), i + SAFE_DIGITS);
+    const std::size_t firstDigit = i;
+    for (; i < unchecked; ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - static_cast<unsigned>('0');
+        if (digit > 9) {
+            break;
+        }
+        accumulated = accumulated * 10 - static_cast<long long>(digit);
+    }
+    anyDigit = i > firstDigit;
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const int digit = text[i] - '0';
         if (accumulated < (lowest + digit) / 10) {
@@ -174,47 +224,139 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     return true;
 }
 
-// The last second converted on this thread, with the TZ setting it was
-// converted under.
+// What decides the zone of localtime_r: the TZ entry of the environment,
+// which tzset() reads, and the zone that tzset() loaded from it. The text of a
+// second is reused only while both are unchanged, checked without a search:
+// setenv installs a new entry for a new value and never rewrites one it
+// installed, unsetenv moves the entries behind the one it removes, adding a
+// variable reallocates the array or fills the place of its terminator, and
+// loading another zone sets the names and offset that tzset() publishes.
+struct ZoneProbe {
+    char** environment = nullptr;
+    // Of the TZ entry; without one, of the terminating null.
+    std::size_t index = 0;
+    // The TZ entry; without one, the entry before the terminator (or null).
+    const char* entry = nullptr;
+    bool zoneSet = false;
+    const char* standardName = nullptr;
+    const char* daylightName = nullptr;
+    long offset = 0;
+    int hasDaylight = 0;
+};
+
+bool isZoneEntry(const char* entry) {
+    return entry[0] == 'T' && entry[1] == 'Z' && entry[2] == '=';
+}
+
+bool sameLoadedZone(const ZoneProbe& probe) {
+    return tzname[0] == probe.standardName && tzname[1] == probe.daylightName &&
+           timezone == probe.offset && daylight == probe.hasDaylight;
+}
+
+// Taken after localtime_r, which loads the zone on its first call.
+ZoneProbe probeZone() {
+    ZoneProbe probe;
+    probe.standardName = tzname[0];
+    probe.daylightName = tzname[1];
+    probe.offset = timezone;
+    probe.hasDaylight = daylight;
+    probe.environment = environ;
+    if (environ == nullptr) {
+        return probe;
+    }
+    std::size_t index = 0;
+    for (; environ[index] != nullptr; ++index) {
+        if (isZoneEntry(environ[index])) {
+            probe.index = index;
+            probe.entry = environ[index];
+            probe.zoneSet = true;
+            return probe;
+        }
+    }
+    probe.index = index;
+    probe.entry = index > 0 ? environ[index - 1] : nullptr;
+    return probe;
+}
+
+bool zoneUnchanged(const ZoneProbe& probe) {
+    if (environ != probe.environment || !sameLoadedZone(probe)) {
+        return false;
+    }
+    if (environ == nullptr) {
+        return true;
+    }
+    if (probe.zoneSet) {
+        return environ[probe.index] == probe.entry;
+    }
+    return environ[probe.index] == nullptr &&
+           (probe.index == 0 || environ[probe.index - 1] == probe.entry);
+}
+
+constexpr std::size_t TIME_TEXT_LENGTH = 15;
+constexpr std::string_view MONTH_NAMES = "JanFebMarAprMayJunJulAugSepOctNovDec";
+
+void putTwoDigits(char* out, int value) {
+    out[0] = static_cast<char>('0' + value / 10);
+    out[1] = static_cast<char>('0' + value % 10);
+}
+
+// "%b %d %H:%M:%S" in the C locale, which the service never leaves: every
+// field has a fixed width, so the text is written directly. Out-of-range
+// fields (localtime_r never produces them) fall back to strftime.
+std::string formatLocalTime(const struct tm& local) {
+    const bool inRange = local.tm_mon >= 0 && local.tm_mon < 12 && local.tm_mday >= 0 &&
+                         local.tm_mday < 100 && local.tm_hour >= 0 && local.tm_hour < 100 &&
+                         local.tm_min >= 0 && local.tm_min < 100 && local.tm_sec >= 0 &&
+                         local.tm_sec < 100;
+    if (!inRange) {
+        char buffer[TIME_BUFFER_SIZE];
+        const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
+        return std::string(buffer, length);
+    }
+    char text[TIME_TEXT_LENGTH];
+    std::memcpy(text, MONTH_NAMES.data() + 3 * local.tm_mon, 3);
+    text[3] = ' ';
+    putTwoDigits(text + 4, local.tm_mday);
+    text[6] = ' ';
+    putTwoDigits(text + 7, local.tm_hour);
+    text[9] = ':';
+    putTwoDigits(text + 10, local.tm_min);
+    text[12] = ':';
+    putTwoDigits(text + 13, local.tm_sec);
+    return std::string(text, TIME_TEXT_LENGTH);
+}
+
+// The last second converted on this thread, with where the zone came from.
 struct LastConversion {
     bool filled = false;
     time_t seconds = 0;
-    bool zoneSet = false;
-    std::string zone;
+    ZoneProbe zone;
     std::string text;
 };
 
-bool sameZone(const LastConversion& last, const char* zone) {
-    return zone == nullptr ? !last.zoneSet : last.zoneSet && last.zone == zone;
-}
-
-// Audit records come in bursts within one second, and localtime_r with
-// strftime is the largest part of converting a matching line, so the text of
-// the last second is reused. It is the text a fresh conversion gives as long
-// as neither the zone nor the LC_TIME locale changed since: the service
-// changes neither after start, and a process that switches zones with
-// setenv("TZ") and tzset() changes the TZ value, which is part of the key.
-// Per thread, so that conversions share no state.
+// Audit records come in bursts within one second, and localtime_r is the
+// largest part of converting a matching line, so the text of the last second
+// is reused. It is the text a fresh conversion gives as long as the zone did
+// not change since (ZoneProbe). The one change it cannot see: TZ switched
+// between two zones of the same names and offsets with a conversion between
+// setenv() and tzset(); that second keeps the first zone's text, which differs
+// only for dates when the two zones' rules differed. The service never
+// changes its zone or its LC_TIME locale. Per thread, so that conversions
+// share no state.
 std::string localTimeText(time_t seconds) {
     thread_local LastConversion last;
-    const char* const zone = std::getenv("TZ");
-    if (last.filled && last.seconds == seconds && sameZone(last, zone)) {
+    if (last.filled && last.seconds == seconds && zoneUnchanged(last.zone)) {
         return last.text;
     }
     // localtime_r instead of localtime: same result without the shared static buffer.
     struct tm local {};
     if (localtime_r(&seconds, &local) == nullptr) {
+        last.filled = false;
         return {};
     }
-    char buffer[TIME_BUFFER_SIZE];
-    const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
-    // Unfilled while it changes, so that running out of memory half-way never
-    // leaves a key that answers with another zone's text.
-    last.filled = false;
-    last.text.assign(buffer, length);
+    last.text = formatLocalTime(local);
     last.seconds = seconds;
-    last.zoneSet = zone != nullptr;
-    last.zone.assign(zone != nullptr ? zone : "");
+    last.zone = probeZone();
     last.filled = true;
     return last.text;
 }
@@ -253,6 +395,15 @@ bool leadingSerial(std::string_view text, unsigned long long& serial) {
     constexpr unsigned long long highest = std::numeric_limits<unsigned long long>::max();
     unsigned long long value = 0;
     std::size_t i = 0;
+    // The first 18 digits cannot overflow, so they need no check.
+    const std::size_t unchecked = std::min(text.size(), SAFE_DIGITS);
+    for (; i < unchecked; ++i) {
+        const unsigned digit = static_cast<unsigned char>(text[i]) - static_cast<unsigned>('0');
+        if (digit > 9) {
+            break;
+        }
+        value = value * 10 + digit;
+    }
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const unsigned digit = static_cast<unsigned>(text[i] - '0');
         if (value > (highest - digit) / 10) {
@@ -300,11 +451,16 @@ std::string extractOperation(std::string_view line) {
     if (close == std::string_view::npos) {
         return operation;
     }
-    for (const char c : line.substr(open + 1, close - open - 1)) {
+    // Sized once, then filled, instead of one append per character.
+    const std::string_view inside = line.substr(open + 1, close - open - 1);
+    operation.resize(inside.size());
+    std::size_t length = 0;
+    for (const char c : inside) {
         if (!isCSpace(c)) {
-            operation += lowerChar(c);
+            operation[length++] = lowerChar(c);
         }
     }
+    operation.resize(length);
     return operation;
 }
 
@@ -354,6 +510,13 @@ LogConverter::~LogConverter() {
 }
 
 bool LogConverter::shouldProcess(const std::string& line) const {
+    // Nearly every audit record begins with "type=", and both handled types
+    // begin with "QIRN_": for a record of another kind the bytes after the
+    // marker settle the answer without any search.
+    if (startsWith(line, TYPE_MARKER) &&
+        !startsWith(std::string_view(line).substr(TYPE_MARKER.size()), QIRN_PREFIX)) {
+        return false;
+    }
     std::string_view type;
     if (!findAuditType(line, type)) {
         return false;
@@ -385,87 +548,90 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const
             return result;
         }
 
-        const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
-        if (containerId.empty()) {
-            trace(debugMode_, Logger::DEBUG,
-                  [&] { return "container_id field not found in log, skipping"; });
-            return result;
-        }
-        result.containerId = containerId;
-        trace(debugMode_, Logger::DEBUG,
-              [&] { return "Container ID from container_id field: " + result.containerId; });
-
-        const AuditStamp stamp = findAuditStamp(line);
-        if (!stamp.found) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
-            return result;
-        }
-        if (stamp.hasSeconds) {
-            result.timestamp = convertedTime(stamp.seconds);
-        }
-        if (result.timestamp.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
-            return result;
-        }
-        trace(debugMode_, Logger::DEBUG,
-              [&] { return "Converted timestamp: " + result.timestamp; });
-
-        std::string_view typeView;
-        if (!findAuditType(line, typeView) || typeView.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
-            return result;
-        }
-        const std::string type(typeView);
-        trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
-
-        if (type == AVC_TYPE) {
-            result.path = nameValue(line);
-        } else if (type == NETCTL_TYPE) {
-            std::string procPath(fieldValue(line, PROC_PATH_KEY));
-            if (procPath.empty()) {
-                // The second attempt gives the same result; it is the parser's
-                // established order and costs nothing on a line that has the field.
-                procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
-            }
-            if (!procPath.empty()) {
-                result.path = std::move(procPath);
-                trace(debugMode_, Logger::DEBUG,
-                      [&] { return "NETCTL path extracted from proc_path: " + result.path; });
-            }
-        }
-        if (result.path.empty()) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
-            return result;
-        }
-        trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
-
-        const std::string operation = extractOperation(line);
-        trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
-
-        result.eventType = determineEventType(type, operation);
-        if (result.eventType == EventType::UNKNOWN) {
-            trace(debugMode_, Logger::DEBUG,
-                  [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
-            return result;
-        }
-
-        result.statusType = determineStatusType(line);
-        if (result.statusType == StatusType::UNKNOWN) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
-            return result;
-        }
-
-        result.valid = true;
-        trace(debugMode_, Logger::DEBUG, [&] {
-            return "Parse successful - container_id: " + result.containerId + ", type: " + type +
-                   ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
-                   ", path: " + result.path +
-                   ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
-        });
+        parseRecord(line, result);
     } catch (const std::exception& e) {
         trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
     return result;
+}
+
+void LogConverter::parseRecord(const std::string& line, ParseResult& result) const {
+    const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
+    if (containerId.empty()) {
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "container_id field not found in log, skipping"; });
+        return;
+    }
+    result.containerId = containerId;
+    trace(debugMode_, Logger::DEBUG,
+          [&] { return "Container ID from container_id field: " + result.containerId; });
+
+    const AuditStamp stamp = findAuditStamp(line);
+    if (!stamp.found) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
+        return;
+    }
+    if (stamp.hasSeconds) {
+        result.timestamp = convertedTime(stamp.seconds);
+    }
+    if (result.timestamp.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
+        return;
+    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
+
+    std::string_view typeView;
+    if (!findAuditType(line, typeView) || typeView.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
+        return;
+    }
+    const std::string type(typeView);
+    trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
+
+    if (type == AVC_TYPE) {
+        result.path = nameValue(line);
+    } else if (type == NETCTL_TYPE) {
+        std::string procPath(fieldValue(line, PROC_PATH_KEY));
+        if (procPath.empty()) {
+            // The second attempt gives the same result; it is the parser's
+            // established order and costs nothing on a line that has the field.
+            procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
+        }
+        if (!procPath.empty()) {
+            result.path = std::move(procPath);
+            trace(debugMode_, Logger::DEBUG,
+                  [&] { return "NETCTL path extracted from proc_path: " + result.path; });
+        }
+    }
+    if (result.path.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
+        return;
+    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
+
+    const std::string operation = extractOperation(line);
+    trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
+
+    result.eventType = determineEventType(type, operation);
+    if (result.eventType == EventType::UNKNOWN) {
+        trace(debugMode_, Logger::DEBUG,
+              [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
+        return;
+    }
+
+    result.statusType = determineStatusType(line);
+    if (result.statusType == StatusType::UNKNOWN) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
+        return;
+    }
+
+    result.valid = true;
+    trace(debugMode_, Logger::DEBUG, [&] {
+        return "Parse successful - container_id: " + result.containerId + ", type: " + type +
+               ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
+               ", path: " + result.path +
+               ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
+    });
 }
 
 LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line) {
@@ -549,6 +715,21 @@ LogConverter::EventType LogConverter::determineEventType(const std::string& type
         return EventType::NETCTL;
     }
     if (equalsLowered(type, "qirn_avc")) {
+        // With no trace to write, an operation that is exactly one of the
+        // words is settled without a lower-cased copy and the searches in it;
+        // each such word gives what the searches below would.
+        if (!debugMode_) {
+            for (const std::string_view word : EXEC_OPERATIONS) {
+                if (equalsLowered(operation, word)) {
+                    return EventType::EXECTL;
+                }
+            }
+            for (const std::string_view word : FILE_OPERATIONS) {
+                if (equalsLowered(operation, word)) {
+                    return EventType::FILECTL;
+                }
+            }
+        }
         // Lower-cased once, then searched for each word: an operation is short
         // enough to stay in the string's own buffer.
         const std::string lowered = lowerCopy(operation);
@@ -590,6 +771,16 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     const std::string_view word = text.substr(start, end - start);
     trace(debugMode_, Logger::DEBUG, [&] { return "Extracted status word: " + std::string(word); });
 
+    // With no trace to write, the two words audit records carry are settled
+    // without a lower-cased copy and a search in it.
+    if (!debugMode_) {
+        if (equalsLowered(word, "denied")) {
+            return StatusType::ENFORCING;
+        }
+        if (equalsLowered(word, "detected")) {
+            return StatusType::PERMISSIVE;
+        }
+    }
     const std::string lowered = lowerCopy(word);
     if (contains(lowered, "denied")) {
         trace(debugMode_, Logger::DEBUG,

@@ -69,6 +69,10 @@ private:
     LogConverter();
     ~LogConverter();
 
+    // parseLine after the filter: kept apart so that the rejection of a
+    // record of another type, the common case, runs in a small frame.
+    void parseRecord(const std::string& line, ParseResult& result) const;
+
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
     std::unordered_set<std::string> processedLogs_;
     static bool debugMode_;

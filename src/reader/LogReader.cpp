@@ -1,9 +1,11 @@
 #include "reader/LogReader.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -26,6 +28,8 @@ constexpr int FILE_WAIT_PROGRESS_EVERY = 10;
 constexpr std::chrono::seconds FILE_WAIT_DELAY{1};
 constexpr std::chrono::seconds RETRY_DELAY{1};
 constexpr std::chrono::milliseconds POLL_INTERVAL{100};
+// A read at least this large leaves memory worth giving back once the load ends.
+constexpr int64_t LARGE_READ_BYTES = 262144;
 
 }  // namespace
 
@@ -210,7 +214,10 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
                 return false;
             }
             try {
-                line.assign(text, length);
+                // clear() and append() copy without the general replacement
+                // that assign() goes through.
+                line.clear();
+                line.append(text, length);
                 callback(line);
                 return true;
             } catch (const std::exception& error) {
@@ -357,10 +364,26 @@ bool LogReader::pollOnce(const LineCallback& callback) {
             readNewLines(callback, false);
         }
     }
+    const int64_t before = position_;
     if (!readNewLines(callback, true)) {
         trace(Logger::WARN, "Read failed, will retry...");
         sleepResuming(RETRY_DELAY);
     }
+    returnMemoryAfterLoad(position_ - before);
     sleepResuming(POLL_INTERVAL);
     return true;
+}
+
+void LogReader::returnMemoryAfterLoad(int64_t bytesRead) {
+    if (bytesRead > 0) {
+        largestRecentRead_ = std::max(largestRecentRead_, bytesRead);
+        return;
+    }
+    // The allocator keeps a freed read buffer for the next poll, which spares
+    // page faults while the load lasts; the first poll that finds nothing new
+    // after a large read hands that memory back, once.
+    if (largestRecentRead_ >= LARGE_READ_BYTES) {
+        malloc_trim(0);
+        largestRecentRead_ = 0;
+    }
 }

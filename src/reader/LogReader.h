@@ -41,6 +41,8 @@ private:
     void runMonitor(const LineCallback& callback);
     // One poll cycle; false when the reader was destroyed while a change was pending.
     bool pollOnce(const LineCallback& callback);
+    // Gives the read buffers' memory back to the system when a load has ended.
+    void returnMemoryAfterLoad(int64_t bytesRead);
 
     // Fixed 64-bit types rather than off_t and ino_t: offsets stay signed and
     // inode numbers unsigned at 64 bits whatever the build's file-offset settings.
@@ -51,4 +53,6 @@ private:
     uint64_t inode_;
     std::atomic<bool> running_;
     std::atomic<bool> destroyed_;
+    // The largest read since memory was last given back.
+    int64_t largestRecentRead_ = 0;
 };

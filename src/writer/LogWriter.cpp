@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 #include "common/Sleep.h"
@@ -84,18 +86,32 @@ bool LogWriter::writeLine(const std::string& line) {
     if (file_ == nullptr) {
         return false;
     }
-    // The same bytes as a "%s\n" format (the text up to its first zero byte,
-    // then a newline) and the same single write at the newline of the
-    // line-buffered stream, without parsing a format for every line.
-    if (std::fputs(line.c_str(), file_) == EOF || std::fputc('\n', file_) == EOF) {
+    if (!putLine(line)) {
         lastError_ = std::strerror(errno);
         trace(Logger::ERROR, "Failed to write to file: " + lastError_);
         return false;
     }
     // A flush failure is not reported: the write itself already succeeded.
-    std::fflush(file_);  // NOLINT(cert-err33-c)
+    fflush_unlocked(file_);  // NOLINT(cert-err33-c)
     fileSize_ += static_cast<int64_t>(line.size()) + 1;
     return true;
+}
+
+bool LogWriter::putLine(const std::string& line) {
+    // The bytes of a "%s\n" format: the text up to its first zero byte, then a
+    // newline. The unlocked calls skip the stream's own lock, which mutex_
+    // already provides.
+    const std::size_t length = std::strlen(line.c_str());
+    if (length < LINE_BUFFER_SIZE) {
+        // Handed over with its newline in one piece, the line-buffered stream
+        // finds the newline at once instead of searching the text for one;
+        // the line still leaves in the one write at its newline.
+        std::memcpy(lineBuffer_, line.data(), length);
+        lineBuffer_[length] = '\n';
+        return fwrite_unlocked(lineBuffer_, 1, length + 1, file_) == length + 1;
+    }
+    return fwrite_unlocked(line.data(), 1, length, file_) == length &&
+           putc_unlocked('\n', file_) != EOF;
 }
 
 void LogWriter::flush() {

@@ -7,14 +7,17 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "converter/LogConverter.h"
+#include "logging/Logger.h"
 #include "support/AuditLines.h"
 #include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
+#include "writer/LogWriter.h"
 
 namespace {
 
@@ -150,9 +153,10 @@ TEST_F(LogConverterAllocationTest, ExceptionAfterSuccessStillReturnsValidRecord)
                                               "[ERROR] Exception in parseLine: std::bad_alloc"));
 }
 
-TEST_F(LogConverterAllocationTest, OutOfMemoryInTimeConversionGivesAnEmptyResult) {
-    // Remembering a zone name longer than any before is the conversion's first
-    // allocation; the name grows with every run of this test in one process.
+TEST_F(LogConverterAllocationTest, OutOfMemoryCannotReachTimeConversion) {
+    // The time text is made without the heap, so running out of memory cannot
+    // leave the conversion half done: a new second under a zone name longer
+    // than any before allocates nothing and converts whole.
     static std::size_t run = 0;
     ++run;
     const std::string zone = std::string(64 * run, 'Q') + "-3";
@@ -161,6 +165,7 @@ TEST_F(LogConverterAllocationTest, OutOfMemoryInTimeConversionGivesAnEmptyResult
     const std::string stamp = "1731676206";
     std::string text = "unset";
     bool threw = false;
+    const std::size_t before = allocationCount.load();
     failingAllocation.store(1);
 
     try {
@@ -169,11 +174,92 @@ TEST_F(LogConverterAllocationTest, OutOfMemoryInTimeConversionGivesAnEmptyResult
         threw = true;
     }
 
-    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_EQ(before, allocationCount.load());
+    EXPECT_EQ(1, failingAllocation.load());
     EXPECT_FALSE(threw);
-    EXPECT_EQ("", text);
-    // Nothing half-remembered: the same second in the same zone converts whole.
+    EXPECT_EQ("Nov 15 16:10:06", text);
     EXPECT_EQ("Nov 15 16:10:06", converter.convertTimestamp(stamp));
+}
+
+// Lines of distinct new events: the container id and the path are both
+// longer than what a string keeps inline.
+std::vector<std::string> distinctEvents(const std::string& tag, int count) {
+    std::vector<std::string> lines;
+    for (int i = 0; i < count; ++i) {
+        lines.push_back(
+            "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } for "
+            "pid=1 comm=\"bash\" name=\"/var/lib/containers/" +
+            tag + "/file-" + std::to_string(i) + "\" container_id=3f2a9c7b1e04d5a6 tclass=file");
+    }
+    return lines;
+}
+
+// Events and repeats of them, parsed, converted and written as the line
+// callback does, with the diagnostic log's debug level off as in service.
+class EventAllocationTest : public LogConverterAllocationTest {
+protected:
+    void SetUp() override {
+        LogConverterAllocationTest::SetUp();
+        writer_ = std::make_unique<LogWriter>(dir_.file("events.log"));
+        emptyCache();
+        Logger::getInstance().setDebugMode(false);
+    }
+
+    // Fills the duplicate cache until it is emptied, watched through its
+    // message, so that the lines counted afterwards never meet a clearing.
+    void emptyCache() {
+        const std::vector<std::string> filler =
+            distinctEvents("filler", static_cast<int>(LogConverter::MAX_CACHE_SIZE) + 1);
+        const int clearedBefore = clearings();
+        for (const std::string& line : filler) {
+            handle(line);
+            if (clearings() > clearedBefore) {
+                return;
+            }
+        }
+        FAIL() << "the duplicate cache was never emptied";
+    }
+
+    int clearings() const {
+        return testing_support::countSubstring(diagnostics(),
+                                               "Cleared duplicate cache (size limit reached)");
+    }
+
+    void handle(const std::string& line) {
+        LogConverter& converter = LogConverter::getInstance();
+        const LogConverter::ParseResult result = converter.parseLine(line);
+        if (!result.valid) {
+            return;
+        }
+        const std::string output = converter.convertToOutputFormat(result);
+        if (!output.empty()) {
+            writer_->writeLine(output);
+        }
+    }
+
+    std::size_t allocationsFor(const std::vector<std::string>& lines) {
+        const std::size_t before = allocationCount.load();
+        for (const std::string& line : lines) {
+            handle(line);
+        }
+        return allocationCount.load() - before;
+    }
+
+    std::unique_ptr<LogWriter> writer_;
+};
+
+TEST_F(EventAllocationTest, NewEventAllocatesFiveTimes) {
+    // Container id, path, cache key, cache node, output line; the write none.
+    const std::vector<std::string> lines = distinctEvents("new", ROUNDS / 2);
+    EXPECT_EQ(5u * lines.size(), allocationsFor(lines));
+}
+
+TEST_F(EventAllocationTest, DuplicateAllocatesFourTimes) {
+    // Container id, path, cache key, and the duplicate message that is
+    // composed whatever the log level.
+    const std::vector<std::string> lines = distinctEvents("repeated", ROUNDS / 2);
+    allocationsFor(lines);
+    EXPECT_EQ(4u * lines.size(), allocationsFor(lines));
 }
 
 }  // namespace

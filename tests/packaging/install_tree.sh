@@ -3,6 +3,13 @@
 # with /etc absolute whatever the prefix and ExecStart naming the installed
 # binary.
 source "$(dirname "$0")/lib.sh"
+
+# debian/rules configures the build for the package (unit in /lib, no
+# changelog and copyright); the plain layout is checked in other builds.
+if grep -qE '^(QLC_INSTALL_SYSTEMDUNITDIR:PATH=/lib/systemd/system|QLC_INSTALL_PACKAGE_DOCS:BOOL=OFF)$' \
+        "$QLC_BUILD_DIR/CMakeCache.txt"; then
+    skip "the build is configured for the Debian package"
+fi
 make_scratch
 
 # Lists "mode path" for every file and link below $1, sorted.

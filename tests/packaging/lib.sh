@@ -1,11 +1,13 @@
 # Helpers shared by the packaging checks; sourced, not run.
 #
-# Tools the checks use, by Debian package: cmake (cmake, cpack), dpkg-dev
-# (dpkg-shlibdeps), binutils (strip), systemd (systemd-analyze), groff-base
-# (groff), logrotate, lintian, util-linux (unshare, mount), gzip.
-# A missing tool makes the check exit with SKIP (77) instead of failing.
+# Tools the checks use come from the packages of scripts/install-deps
+# (--ci for the checks labelled long). A missing tool makes the check exit
+# with SKIP (77) instead of failing.
 
 set -euo pipefail
+# A command that fails outside a check's own tests still names itself.
+set -E
+trap 'echo "FAIL: \"$BASH_COMMAND\" failed (line $LINENO)" >&2' ERR
 
 readonly SKIP=77
 : "${QLC_SOURCE_DIR:?set by CTest}"

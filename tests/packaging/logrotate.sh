@@ -45,11 +45,14 @@ unshare --mount --propagation private -- sh -c '
 grep -q 'status=enforcing' "$varlog/zarvo_container.log.1" || fail "output log not rotated to .1"
 [ -f "$varlog/zarvo_container.log" ] || fail "no new output log created"
 [ ! -s "$varlog/zarvo_container.log" ] || fail "new output log is not empty"
-[ "$(stat -c %a "$varlog/zarvo_container.log")" = 640 ] || fail "new output log lost its mode"
+[ "$(stat -c "%U:%G %a" "$varlog/zarvo_container.log")" = "root:adm 640" ] ||
+    fail "new output log is not root:adm 0640: $(stat -c "%U:%G %a" "$varlog/zarvo_container.log")"
 # Backfill log: renamed and recreated the same way.
 grep -q 'path=/etc/group' "$varlog/zarvo_container.backfill.log.1" || fail "backfill log not rotated"
 [ -f "$varlog/zarvo_container.backfill.log" ] && [ ! -s "$varlog/zarvo_container.backfill.log" ] ||
     fail "no new empty backfill log"
+[ "$(stat -c "%U:%G %a" "$varlog/zarvo_container.backfill.log")" = "root:adm 640" ] ||
+    fail "new backfill log is not root:adm 0640"
 # Diagnostic log: same file, truncated, its content copied to .1.
 grep -q 'Logger initialized' "$varlog/qirn-log-converter.log.1" || fail "diagnostic log not copied"
 [ "$(stat -c %i "$varlog/qirn-log-converter.log")" = "$diag_inode" ] ||

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The packaged service works as installed: the package's files are unpacked
-# into a temporary root, and the installed binary runs from there in a private
+# The service works as installed: the tree is installed with prefix /usr into
+# a temporary root, and the installed binary runs from there in a private
 # mount namespace (a temporary /var/log, an overlay on /etc whose upper layer
 # holds the installed example configuration). An appended QIRN_AVC line comes
 # out converted, and SIGTERM ends the service with status 0.
@@ -9,15 +9,8 @@ make_scratch
 require_private_mounts
 
 root=$SCRATCH/root
-if command -v cpack >/dev/null && command -v dpkg-deb >/dev/null && command -v dpkg-shlibdeps >/dev/null; then
-    note "unpacking the Debian package into $root"
-    (cd "$QLC_BUILD_DIR" && cpack -G DEB --config "$QLC_BUILD_DIR/CPackConfig.cmake" -B "$SCRATCH/deb") \
-        >"$SCRATCH/cpack.log" 2>&1 || { cat "$SCRATCH/cpack.log"; fail "cpack failed"; }
-    dpkg-deb -x "$SCRATCH"/deb/qirn-log-converter_*.deb "$root"
-else
-    note "no Debian tools: installing with prefix /usr into $root"
-    install_into "$root" /usr
-fi
+note "installing with prefix /usr into $root"
+install_into "$root" /usr
 binary=$root/usr/sbin/qirn-log-converter
 [ -x "$binary" ] || fail "no installed binary at $binary"
 [ -f "$root/etc/qirn/qirn-log-converter.conf" ] || fail "no installed configuration"

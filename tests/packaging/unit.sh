@@ -7,7 +7,9 @@ make_scratch
 
 root="$SCRATCH/root"
 install_into "$root" /usr
-unit="$root/usr/lib/systemd/system/qirn-log-converter.service"
+# /usr/lib/systemd/system, or /lib/systemd/system in a package build.
+unit=$(find "$root" -path '*/systemd/system/qirn-log-converter.service' | head -n 1)
+[ -n "$unit" ] || fail "no qirn-log-converter.service installed"
 
 # verify wants ExecStart to name an executable and the unit file's name to be
 # the unit's name: check a copy whose ExecStart points into the DESTDIR.

@@ -28,6 +28,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -92,6 +93,14 @@ Options parseOptions(int argc, char** argv) {
         }
     }
     return options;
+}
+
+// A fault that silently fails to happen would make the soak prove nothing,
+// so a failed truncation is said.
+void truncateInPlace(const std::string& path) {
+    if (truncate(path.c_str(), 0) != 0) {
+        std::printf("soak: cannot truncate %s: %s\n", path.c_str(), std::strerror(errno));
+    }
 }
 
 std::string eventLine(int64_t n) {
@@ -349,14 +358,14 @@ private:
                 break;
             }
             case 2: {  // input truncated in place
-                truncate(input.c_str(), 0);
+                truncateInPlace(input);
                 waitForReopen(inodeText(input), from);
                 ++faults_["input truncated"];
                 break;
             }
             case 3: {  // output truncated in place
                 harvest(output);
-                truncate(output.c_str(), 0);
+                truncateInPlace(output);
                 ++faults_["output truncated"];
                 break;
             }
