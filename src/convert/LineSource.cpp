@@ -1,10 +1,14 @@
 #include "convert/LineSource.h"
 
+#include <cstring>
+#include <utility>
+
 LineSource::LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber,
                        bool deliverTail, std::size_t blockSize)
     : input_(input),
       deliverTail_(deliverTail),
       blockSize_(blockSize > 0 ? blockSize : BLOCK_SIZE),
+      bufferSize_(0),
       bufferOffset_(startOffset),
       lines_(firstNumber - 1),
       resumeOffset_(startOffset),
@@ -13,10 +17,19 @@ LineSource::LineSource(InputStream& input, int64_t startOffset, uint64_t firstNu
 
 ssize_t LineSource::readBlock(std::size_t carried) {
     // One byte more for the zero that the cutter needs after the data.
-    if (buffer_.size() < carried + blockSize_ + 1) {
-        buffer_.resize(carried + blockSize_ + 1);
+    // Room for one more block behind the carried line from the start, so
+    // that the usual carried line never makes the buffer grow.
+    const std::size_t wanted = carried + blockSize_ + 1;
+    if (bufferSize_ < wanted) {
+        const std::size_t size = wanted > 2 * blockSize_ ? wanted : 2 * blockSize_;
+        std::unique_ptr<char[]> larger(new char[size]);
+        if (carried > 0) {
+            std::memcpy(larger.get(), buffer_.get(), carried);
+        }
+        buffer_ = std::move(larger);
+        bufferSize_ = size;
     }
-    return input_.read(buffer_.data() + carried, blockSize_);
+    return input_.read(buffer_.get() + carried, blockSize_);
 }
 
 bool LineSource::stopAt(int64_t offset) {

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #include "convert/InputStream.h"
 #include "reader/LineCutter.h"
@@ -55,7 +55,9 @@ private:
     InputStream& input_;
     bool deliverTail_;
     std::size_t blockSize_;
-    std::vector<char> buffer_;
+    // Not a vector: its bytes are read into, never zero-filled first.
+    std::unique_ptr<char[]> buffer_;
+    std::size_t bufferSize_;
     int64_t bufferOffset_;  // input offset of buffer_[0]
     uint64_t lines_;        // lines numbered so far
     int64_t resumeOffset_;
@@ -91,7 +93,7 @@ bool LineSource::run(Handler&& handler) {
         if (got == 0) {
             break;
         }
-        char* const data = buffer_.data();
+        char* const data = buffer_.get();
         const std::size_t total = carried + static_cast<std::size_t>(got);
         std::size_t from = 0;
         if (skipping) {
@@ -149,8 +151,8 @@ bool LineSource::run(Handler&& handler) {
         line.number = ++lines_;
         line.startOffset = bufferOffset_;
         line.tooLong = false;
-        line.text = buffer_.data();
-        line.length = LineCutter::textLength(buffer_.data(), carried);
+        line.text = buffer_.get();
+        line.length = LineCutter::textLength(buffer_.get(), carried);
         if (offer(line)) {
             return stopAt(stopOffset);
         }
