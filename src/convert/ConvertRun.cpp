@@ -61,7 +61,8 @@ ConvertRun::ConvertRun(const ConvertOptions& options, int outputFd, int errorFd)
       settleBound_(0),
       settling_(options.hasSettle || reconciling_),
       stopAtTooNew_(!options.checkpoint.empty()),
-      ioError_(false) {
+      ioError_(false),
+      explaining_(options.explain != ConvertOptions::Explain::NONE) {
     if (settling_) {
         settleBound_ = static_cast<int64_t>(std::time(nullptr)) - options.settle;
     }
@@ -172,14 +173,32 @@ bool ConvertRun::handleLine(const LineSource::Line& line, const std::string& sou
     sourceName_ = &sourceName;
     lineNumber_ = line.number;
     if (line.tooLong) {
-        summary_.lineRead();
-        verdict_.reason = LineJudge::Reason::TOO_LONG;
-        verdict_.detail = "longer than " + std::to_string(LineSource::MAX_LINE_SIZE) + " bytes";
-        deliver(verdict_, lineText_);
-        return true;
+        return handleTooLong();
     }
-    lineText_.assign(line.text, line.length);
+    // clear() and append() reuse the string's room without the general
+    // replacement that assign() goes through.
+    lineText_.clear();
+    lineText_.append(line.text, line.length);
     judge_.parse(lineText_, verdict_);
+    if (verdict_.reason != LineJudge::Reason::TYPE || explaining_ || judge_.hasStrayLines()) {
+        return handleJudged();
+    }
+    // Most lines are of another audit type, and without explanations there
+    // is nothing to write for them.
+    summary_.lineRead();
+    summary_.count(LineJudge::Reason::TYPE);
+    return true;
+}
+
+bool ConvertRun::handleTooLong() {
+    summary_.lineRead();
+    verdict_.reason = LineJudge::Reason::TOO_LONG;
+    verdict_.detail = "longer than " + std::to_string(LineSource::MAX_LINE_SIZE) + " bytes";
+    deliver(verdict_, lineText_);
+    return true;
+}
+
+bool ConvertRun::handleJudged() {
     if (verdict_.reason == LineJudge::Reason::EVENT && useRange_) {
         bool tooNew = false;
         std::string detail;

@@ -40,6 +40,10 @@ private:
 
     void convertInput(const std::string& name, Checkpoint* checkpoint);
     bool handleLine(const LineSource::Line& line, const std::string& sourceName);
+    // The rest of handleLine, out of line so that a line of another type,
+    // most lines, runs in a small frame.
+    [[gnu::noinline]] bool handleJudged();
+    [[gnu::noinline]] bool handleTooLong();
     // Leaves a valid record out for its audit time; true when it is to be
     // left out, with `tooNew` telling the settle and --until bound apart.
     bool outOfRange(const std::string& line, bool& tooNew, std::string& detail);
@@ -70,6 +74,7 @@ private:
     bool settling_;
     bool stopAtTooNew_;  // with a checkpoint: the file stops before such a record
     bool ioError_;
+    bool explaining_;  // rows instead of events
     std::vector<Pending> pending_;
     std::unordered_map<std::string, bool> candidates_;  // key -> found in an event log
     const std::string* sourceName_ = nullptr;

@@ -87,6 +87,16 @@ void LineJudge::parse(const std::string& line, Verdict& verdict) {
             verdict.reason = Reason::TYPE;
             return;
         }
+    } catch (const std::exception& error) {
+        verdict.reason = Reason::EXCEPTION;
+        verdict.detail = error.what();
+        return;
+    }
+    parseRecord(line, verdict);
+}
+
+void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
+    try {
         verdict.record = converter_.parseLine(line);
         if (takeCaptured(EXCEPTION_PREFIX, &verdict.detail)) {
             verdict.reason = Reason::EXCEPTION;

@@ -59,6 +59,9 @@ public:
 
 private:
     static void capture(void* context, Logger::Level level, const std::string& message);
+    // parse after the filter, out of line so that a line of another type,
+    // most lines, runs in a small frame.
+    [[gnu::noinline]] void parseRecord(const std::string& line, Verdict& verdict);
     void classifyRejected(const std::string& line, Verdict& verdict);
     // Runs the line again with the converter's trace captured; the trace only.
     std::vector<std::string> trace(const std::string& line);
