@@ -294,6 +294,7 @@ bool zoneUnchanged(const ZoneProbe& probe) {
 
 constexpr std::size_t TIME_TEXT_LENGTH = 15;
 constexpr std::string_view MONTH_NAMES = "JanFebMarAprMayJunJulAugSepOctNovDec";
+constexpr std::size_t MONTH_NAME_LENGTH = 3;
 
 void putTwoDigits(char* out, int value) {
     out[0] = static_cast<char>('0' + value / 10);
@@ -314,7 +315,9 @@ std::string formatLocalTime(const struct tm& local) {
         return std::string(buffer, length);
     }
     char text[TIME_TEXT_LENGTH];
-    std::memcpy(text, MONTH_NAMES.data() + 3 * local.tm_mon, 3);
+    std::memcpy(
+        text, MONTH_NAMES.substr(MONTH_NAME_LENGTH * static_cast<std::size_t>(local.tm_mon)).data(),
+        MONTH_NAME_LENGTH);
     text[3] = ' ';
     putTwoDigits(text + 4, local.tm_mday);
     text[6] = ' ';
