@@ -512,12 +512,14 @@ LogConverter::~LogConverter() {
     fieldCache_.clear();
 }
 
-bool LogConverter::shouldProcess(const std::string& line) const {
+bool LogConverter::shouldProcess(const std::string& line) const { return isHandledType(line); }
+
+bool LogConverter::isHandledType(std::string_view line) {
     // Nearly every audit record begins with "type=", and both handled types
     // begin with "QIRN_": for a record of another kind the bytes after the
     // marker settle the answer without any search.
     if (startsWith(line, TYPE_MARKER) &&
-        !startsWith(std::string_view(line).substr(TYPE_MARKER.size()), QIRN_PREFIX)) {
+        !startsWith(line.substr(TYPE_MARKER.size()), QIRN_PREFIX)) {
         return false;
     }
     std::string_view type;

@@ -53,6 +53,9 @@ public:
     LogConverter& operator=(LogConverter&&) = delete;
 
     bool shouldProcess(const std::string& line) const;
+    // shouldProcess on any text, for callers that hold a line without a
+    // string of its own; the answers are the same.
+    static bool isHandledType(std::string_view line);
     std::string extractField(const std::string& line, const std::string& key) const;
     std::string extractQuotedField(const std::string& line, const std::string& key) const;
     ParseResult parseLine(const std::string& line) const;
