@@ -540,24 +540,22 @@ std::string LogConverter::extractQuotedField(const std::string& line,
     return extractField(line, key);
 }
 
-LogConverter::ParseResult LogConverter::parseLine(const std::string& line) const {
-    ParseResult result;
+void LogConverter::parseLineFully(const std::string& line, ParseResult& result) const {
     // Both start empty; clear() makes the reset without the library call that
-    // assigning "" costs on every line, most of which are rejected at once.
+    // assigning "" costs.
     result.spare.clear();
     result.containerId.clear();
     try {
         trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
         if (!shouldProcess(line)) {
             trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
-            return result;
+            return;
         }
 
         parseRecord(line, result);
     } catch (const std::exception& e) {
         trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
-    return result;
 }
 
 void LogConverter::parseRecord(const std::string& line, ParseResult& result) const {
