@@ -23,11 +23,15 @@ constexpr std::string_view AVC_TYPE = "QIRN_AVC";
 constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
 // What both handled types begin with.
 constexpr std::string_view QIRN_PREFIX = "QIRN_";
-constexpr std::string_view CONTAINER_ID_KEY = "container_id";
 constexpr std::string_view PROC_PATH_KEY = "proc_path";
-constexpr std::string_view STAMP_MARKER = "audit(";
-constexpr std::string_view NAME_MARKER = "name=";
-constexpr std::string_view STATUS_MARKER = "avc:";
+// Markers searched through one of their bytes (findThrough), chosen rare in
+// audit records: "(", "m" and "v".
+constexpr char STAMP_NEEDLE[] = "audit(";
+constexpr std::size_t STAMP_ANCHOR = 5;
+constexpr char NAME_NEEDLE[] = "name=";
+constexpr std::size_t NAME_ANCHOR = 2;
+constexpr char STATUS_NEEDLE[] = "avc:";
+constexpr std::size_t STATUS_ANCHOR = 1;
 constexpr std::string_view KEY_SEPARATOR = "|";
 // Operations that are one word of each event kind.
 constexpr std::string_view EXEC_OPERATIONS[] = {"exec", "execute", "execmod", "interpret"};
@@ -47,9 +51,11 @@ bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // Copies a piece of a composed text: most pieces are short, and two
 // overlapping fixed-size moves copy them without a library call.
-void copyPiece(char* out, const char* from, std::size_t size) {
+inline void copyPiece(char* out, std::string_view piece) {
     constexpr std::size_t WORD = sizeof(std::uint64_t);
     constexpr std::size_t HALF = sizeof(std::uint32_t);
+    const char* const from = piece.data();
+    const std::size_t size = piece.size();
     if (size > 2 * WORD) {
         std::memcpy(out, from, size);
     } else if (size >= WORD) {
@@ -73,16 +79,20 @@ void copyPiece(char* out, const char* from, std::size_t size) {
     }
 }
 
-// One allocation of the exact size instead of one append per piece.
-std::string concat(std::initializer_list<std::string_view> pieces) {
+// One allocation of the exact size instead of one append per piece. A
+// template, so that the fixed pieces are copied with sizes known at compile
+// time.
+template <typename... Pieces>
+std::string concat(const Pieces&... pieces) {
+    const std::string_view views[] = {std::string_view(pieces)...};
     std::size_t size = 0;
-    for (const std::string_view piece : pieces) {
+    for (const std::string_view piece : views) {
         size += piece.size();
     }
     std::string text(size, '\0');
     char* out = text.data();
-    for (const std::string_view piece : pieces) {
-        copyPiece(out, piece.data(), piece.size());
+    for (const std::string_view piece : views) {
+        copyPiece(out, piece);
         out += piece.size();
     }
     return text;
@@ -134,7 +144,42 @@ bool findAuditType(std::string_view line, std::string_view& type) {
     return true;
 }
 
-bool isFieldDelimiter(char c) { return c == ' ' || c == '\t' || c == ',' || c == ':'; }
+// The first `needle` at or after `from`, the same answer as
+// line.find(needle, from), found through the needle's byte at ANCHOR: one that
+// is rare in audit records, so that memchr stops at few candidates, each
+// checked with a comparison of known size.
+template <std::size_t ANCHOR, std::size_t SIZE>
+std::size_t findThrough(std::string_view line, const char (&needle)[SIZE], std::size_t from = 0) {
+    constexpr std::size_t length = SIZE - 1;
+    static_assert(ANCHOR < length, "the anchor is a byte of the needle");
+    if (line.size() < length || from > line.size() - length) {
+        return std::string_view::npos;
+    }
+    const char* const data = line.data();
+    const char* candidate = data + from + ANCHOR;
+    const char* const last = data + (line.size() - length) + ANCHOR;
+    while (candidate <= last) {
+        candidate = static_cast<const char*>(
+            std::memchr(candidate, needle[ANCHOR], static_cast<std::size_t>(last - candidate) + 1));
+        if (candidate == nullptr) {
+            return std::string_view::npos;
+        }
+        if (std::memcmp(candidate - ANCHOR, needle, length) == 0) {
+            return static_cast<std::size_t>(candidate - ANCHOR - data);
+        }
+        ++candidate;
+    }
+    return std::string_view::npos;
+}
+
+// Blank, tab, comma and colon, as bits of one word: all four are below 64.
+constexpr std::uint64_t FIELD_DELIMITERS = (std::uint64_t{1} << ' ') | (std::uint64_t{1} << '\t') |
+                                           (std::uint64_t{1} << ',') | (std::uint64_t{1} << ':');
+
+bool isFieldDelimiter(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 64 && ((FIELD_DELIMITERS >> byte) & 1U) != 0;
+}
 
 // First occurrence of key immediately followed by "=", without building the
 // needle; the position returned is just after the "=".
@@ -150,8 +195,8 @@ std::size_t findValueStart(std::string_view line, std::string_view key) {
     return std::string_view::npos;
 }
 
-std::string_view fieldValue(std::string_view line, std::string_view key) {
-    const std::size_t start = findValueStart(line, key);
+// The value of a field whose "=" ends just before `start` (npos: no field).
+std::string_view valueAt(std::string_view line, std::size_t start) {
     if (start == std::string_view::npos || start >= line.size()) {
         return {};
     }
@@ -171,6 +216,65 @@ std::string_view fieldValue(std::string_view line, std::string_view key) {
         ++end;
     }
     return line.substr(start, end - start);
+}
+
+std::string_view fieldValue(std::string_view line, std::string_view key) {
+    return valueAt(line, findValueStart(line, key));
+}
+
+// The two fields the parser reads, each found through its underscore: few
+// bytes of a record are underscores.
+constexpr char CONTAINER_ID_NEEDLE[] = "container_id=";
+constexpr char PROC_PATH_NEEDLE[] = "proc_path=";
+
+std::string_view valueAfter(std::string_view line, std::size_t needle, std::size_t length) {
+    return valueAt(line, needle == std::string_view::npos ? needle : needle + length);
+}
+
+std::string_view containerIdValue(std::string_view line) {
+    return valueAfter(line, findThrough<9>(line, CONTAINER_ID_NEEDLE),
+                      sizeof(CONTAINER_ID_NEEDLE) - 1);
+}
+
+std::string_view procPathValue(std::string_view line) {
+    return valueAfter(line, findThrough<4>(line, PROC_PATH_NEEDLE), sizeof(PROC_PATH_NEEDLE) - 1);
+}
+
+constexpr std::size_t EIGHT = 8;
+
+// Eight decimal digits at once, the first byte the most significant digit;
+// false when one of the bytes is not a digit. A stamp's seconds are ten
+// digits, so this takes most of the work of reading them.
+bool eightDigits(const char* text, std::uint64_t& value) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::uint64_t chunk = 0;
+    std::memcpy(&chunk, text, EIGHT);
+    // A byte is a digit when its high nibble is 3 both as it is and after
+    // adding 6 (0x3A to 0x3F and above carry out of it). A carry into the
+    // next byte starts only at a byte that fails already.
+    constexpr std::uint64_t HIGH_NIBBLES = 0xF0F0F0F0F0F0F0F0;
+    constexpr std::uint64_t SIXES = 0x0606060606060606;
+    constexpr std::uint64_t DIGIT_NIBBLES = 0x3333333333333333;
+    if (((chunk & HIGH_NIBBLES) | (((chunk + SIXES) & HIGH_NIBBLES) >> 4)) != DIGIT_NIBBLES) {
+        return false;
+    }
+    // Pairs, then quads, then the whole: each step multiplies the more
+    // significant half by a power of ten and adds the other half.
+    constexpr std::uint64_t LOW_NIBBLES = 0x0F0F0F0F0F0F0F0F;
+    constexpr std::uint64_t PAIR_FACTOR = 10 * 256 + 1;
+    constexpr std::uint64_t PAIR_MASK = 0x00FF00FF00FF00FF;
+    constexpr std::uint64_t QUAD_FACTOR = 100 * 65536 + 1;
+    constexpr std::uint64_t QUAD_MASK = 0x0000FFFF0000FFFF;
+    constexpr std::uint64_t WHOLE_FACTOR = (10000ULL << 32) + 1;
+    chunk = ((chunk & LOW_NIBBLES) * PAIR_FACTOR) >> 8;
+    chunk = ((chunk & PAIR_MASK) * QUAD_FACTOR) >> 16;
+    value = ((chunk & QUAD_MASK) * WHOLE_FACTOR) >> 32;
+    return true;
+#else
+    static_cast<void>(text);
+    static_cast<void>(value);
+    return false;
+#endif
 }
 
 // Reads the leading integer the way std::stoll does in base 10 (leading white
@@ -195,6 +299,11 @@ bool parseLeadingInteger(std::string_view text, long long& value) {
     // The first 18 digits cannot overflow, so they need no check.
     const std::size_t unchecked = std::min(text.size(), i + SAFE_DIGITS);
     const std::size_t firstDigit = i;
+    std::uint64_t leading = 0;
+    if (text.size() - i >= EIGHT && eightDigits(text.data() + i, leading)) {
+        accumulated = -static_cast<long long>(leading);
+        i += EIGHT;
+    }
     for (; i < unchecked; ++i) {
         const unsigned digit = static_cast<unsigned char>(text[i]) - static_cast<unsigned>('0');
         if (digit > 9) {
@@ -424,11 +533,11 @@ bool leadingSerial(std::string_view text, unsigned long long& serial) {
 // Unlike fieldValue, an unquoted name ends only at a blank: commas, colons and
 // tabs are part of a file name.
 std::string_view nameValue(std::string_view line) {
-    const std::size_t marker = line.find(NAME_MARKER);
+    const std::size_t marker = findThrough<NAME_ANCHOR>(line, NAME_NEEDLE);
     if (marker == std::string_view::npos) {
         return {};
     }
-    const std::size_t start = marker + NAME_MARKER.size();
+    const std::size_t start = marker + sizeof(NAME_NEEDLE) - 1;
     if (start >= line.size()) {
         return {};
     }
@@ -454,8 +563,22 @@ std::string extractOperation(std::string_view line) {
     if (close == std::string_view::npos) {
         return operation;
     }
-    // Sized once, then filled, instead of one append per character.
     const std::string_view inside = line.substr(open + 1, close - open - 1);
+    // Nearly every operation fits the string's own room: built on the stack
+    // and copied once.
+    constexpr std::size_t SHORT_OPERATION = 15;
+    if (inside.size() <= SHORT_OPERATION) {
+        char text[SHORT_OPERATION];
+        std::size_t length = 0;
+        for (const char c : inside) {
+            if (!isCSpace(c)) {
+                text[length++] = lowerChar(c);
+            }
+        }
+        operation.assign(text, length);
+        return operation;
+    }
+    // Sized once, then filled, instead of one append per character.
     operation.resize(inside.size());
     std::size_t length = 0;
     for (const char c : inside) {
@@ -465,6 +588,28 @@ std::string extractOperation(std::string_view line) {
     }
     operation.resize(length);
     return operation;
+}
+
+// The record key: container, path and the time to the second, joined by
+// bars; empty for a record that is not valid. Composed in place, so that a
+// reused text keeps its room.
+template <typename Text>
+void composeKey(const LogConverter::ParseResult& result, Text& key) {
+    if (!result.valid) {
+        key.clear();
+        return;
+    }
+    const std::string_view time =
+        std::string_view(result.timestamp).substr(0, KEY_TIMESTAMP_LENGTH);
+    // One resize, then the pieces copied in, rather than an append each.
+    key.resize(result.containerId.size() + result.path.size() + time.size() +
+               2 * KEY_SEPARATOR.size());
+    char* out = key.data();
+    for (const std::string_view piece : {std::string_view(result.containerId), KEY_SEPARATOR,
+                                         std::string_view(result.path), KEY_SEPARATOR, time}) {
+        copyPiece(out, piece);
+        out += piece.size();
+    }
 }
 
 // An empty word means the value has none.
@@ -505,7 +650,10 @@ LogConverter& LogConverter::getInstance() {
 
 void LogConverter::setDebugMode(bool enabled) { debugMode_ = enabled; }
 
-LogConverter::LogConverter() { trace(Logger::INFO, "LogConverter initialized"); }
+LogConverter::LogConverter() {
+    reserveCache();
+    trace(Logger::INFO, "LogConverter initialized");
+}
 
 LogConverter::~LogConverter() {
     processedLogs_.clear();
@@ -559,17 +707,20 @@ void LogConverter::parseLineFully(const std::string& line, ParseResult& result) 
 }
 
 void LogConverter::parseRecord(const std::string& line, ParseResult& result) const {
-    const std::string_view containerId = fieldValue(line, CONTAINER_ID_KEY);
+    const std::string_view containerId = containerIdValue(line);
     if (containerId.empty()) {
         trace(debugMode_, Logger::DEBUG,
               [&] { return "container_id field not found in log, skipping"; });
         return;
     }
-    result.containerId = containerId;
+    // The record's strings are empty here: appending to them spares the
+    // general replacement that an assignment goes through.
+    result.containerId.append(containerId.data(), containerId.size());
     trace(debugMode_, Logger::DEBUG,
           [&] { return "Container ID from container_id field: " + result.containerId; });
 
-    const AuditStamp stamp = findAuditStamp(line);
+    // The parser has no use for the serial number.
+    const AuditStamp stamp = findAuditStamp(line, false);
     if (!stamp.found) {
         trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
         return;
@@ -592,9 +743,10 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
     trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
 
     if (type == AVC_TYPE) {
-        result.path = nameValue(line);
+        const std::string_view name = nameValue(line);
+        result.path.append(name.data(), name.size());
     } else if (type == NETCTL_TYPE) {
-        std::string procPath(fieldValue(line, PROC_PATH_KEY));
+        std::string procPath(procPathValue(line));
         if (procPath.empty()) {
             // The second attempt gives the same result; it is the parser's
             // established order and costs nothing on a line that has the field.
@@ -612,7 +764,10 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
     }
     trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
 
-    const std::string operation = extractOperation(line);
+    // A network-control record is classified without its operation, which
+    // then only the trace shows.
+    const std::string operation =
+        debugMode_ || type != NETCTL_TYPE ? extractOperation(line) : std::string();
     trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
 
     result.eventType = determineEventType(type, operation);
@@ -637,13 +792,13 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
     });
 }
 
-LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line) {
+LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line, bool withSerial) {
     AuditStamp stamp;
-    const std::size_t marker = line.find(STAMP_MARKER);
+    const std::size_t marker = findThrough<STAMP_ANCHOR>(line, STAMP_NEEDLE);
     if (marker == std::string_view::npos) {
         return stamp;
     }
-    const std::size_t start = marker + STAMP_MARKER.size();
+    const std::size_t start = marker + sizeof(STAMP_NEEDLE) - 1;
     if (start >= line.size()) {
         return stamp;
     }
@@ -655,7 +810,7 @@ LogConverter::AuditStamp LogConverter::findAuditStamp(std::string_view line) {
     stamp.found = true;
     stamp.text = line.substr(start, end - start);
     stamp.hasSeconds = stampSeconds(stamp.text, stamp.seconds);
-    if (colon != std::string_view::npos) {
+    if (withSerial && colon != std::string_view::npos) {
         stamp.hasSerial = leadingSerial(line.substr(colon + 1), stamp.serial);
     }
     return stamp;
@@ -665,17 +820,17 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
     if (!result.valid) {
         return {};
     }
-    std::string key = generateLogHash(result);
-    if (!key.empty()) {
-        // Moved into the set when new; on a duplicate the set keeps its own,
-        // equal copy, which is the one reported.
-        const auto [entry, inserted] = processedLogs_.insert(std::move(key));
+    composeKey(result, keyText_);
+    if (!keyText_.empty()) {
+        // Copied into the cache only when new; on a duplicate the cache keeps
+        // its own, equal copy, which is the one reported.
+        const auto [entry, inserted] = processedLogs_.insert(keyText_);
         if (!inserted) {
-            trace(Logger::DEBUG, concat({"Skipping duplicate log entry: ", *entry}));
+            trace(Logger::DEBUG, concat("Skipping duplicate log entry: ", *entry));
             return {};
         }
         if (processedLogs_.size() > MAX_CACHE_SIZE) {
-            processedLogs_.clear();
+            clearCache();
             trace(Logger::DEBUG, "Cleared duplicate cache (size limit reached)");
         }
     }
@@ -691,8 +846,8 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         return {};
     }
 
-    std::string line = concat({result.timestamp, ",container_id=", result.containerId,
-                               ",Event=", event, ",path=", result.path, ",status=", status});
+    std::string line = concat(result.timestamp, ",container_id=", result.containerId,
+                              ",Event=", event, ",path=", result.path, ",status=", status);
 
     trace(debugMode_, Logger::DEBUG, [&] { return "Output: " + line; });
     return line;
@@ -703,16 +858,46 @@ std::string LogConverter::convertTimestamp(const std::string& text) const {
 }
 
 std::string LogConverter::generateLogHash(const ParseResult& result) const {
-    if (!result.valid) {
-        return {};
-    }
-    const std::string_view time =
-        std::string_view(result.timestamp).substr(0, KEY_TIMESTAMP_LENGTH);
-    return concat({result.containerId, KEY_SEPARATOR, result.path, KEY_SEPARATOR, time});
+    std::string key;
+    composeKey(result, key);
+    return key;
+}
+
+void LogConverter::clearCache() {
+    // A fresh set holds no memory of the arena, so the arena can start over.
+    processedLogs_ = KeySet(&keyArena_);
+    keyArena_.reset();
+    reserveCache();
+}
+
+void LogConverter::reserveCache() {
+    // Buckets for a full cache at once: the set never rehashes, so each key is
+    // hashed once, when it is looked up.
+    processedLogs_.reserve(MAX_CACHE_SIZE + 1);
 }
 
 LogConverter::EventType LogConverter::determineEventType(const std::string& type,
                                                          const std::string& operation) const {
+    // With no trace to write, the two types as the filter passes them, and
+    // an operation that is exactly one of the words, are settled by plain
+    // comparisons; each gives what the general path below would.
+    if (!debugMode_) {
+        if (type == NETCTL_TYPE) {
+            return EventType::NETCTL;
+        }
+        if (type == AVC_TYPE) {
+            for (const std::string_view word : EXEC_OPERATIONS) {
+                if (operation == word) {
+                    return EventType::EXECTL;
+                }
+            }
+            for (const std::string_view word : FILE_OPERATIONS) {
+                if (operation == word) {
+                    return EventType::FILECTL;
+                }
+            }
+        }
+    }
     if (equalsLowered(type, "qirn_netctl")) {
         trace(debugMode_, Logger::DEBUG, [&] { return "Type is QIRN_NETCTL -> netctl"; });
         return EventType::NETCTL;
@@ -757,12 +942,12 @@ LogConverter::EventType LogConverter::determineEventType(const std::string& type
 
 LogConverter::StatusType LogConverter::determineStatusType(const std::string& line) const {
     const std::string_view text = line;
-    const std::size_t marker = text.find(STATUS_MARKER);
+    const std::size_t marker = findThrough<STATUS_ANCHOR>(text, STATUS_NEEDLE);
     if (marker == std::string_view::npos) {
         trace(debugMode_, Logger::DEBUG, [&] { return "No 'avc:' found in line"; });
         return StatusType::UNKNOWN;
     }
-    std::size_t start = marker + STATUS_MARKER.size();
+    std::size_t start = marker + sizeof(STATUS_NEEDLE) - 1;
     while (start < text.size() && (text[start] == ' ' || text[start] == '\t')) {
         ++start;
     }
@@ -777,6 +962,12 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     // With no trace to write, the two words audit records carry are settled
     // without a lower-cased copy and a search in it.
     if (!debugMode_) {
+        if (word == "denied") {
+            return StatusType::ENFORCING;
+        }
+        if (word == "detected") {
+            return StatusType::PERMISSIVE;
+        }
         if (equalsLowered(word, "denied")) {
             return StatusType::ENFORCING;
         }

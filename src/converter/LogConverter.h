@@ -6,10 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+
+#include "converter/KeyArena.h"
 
 class LogConverter {
 public:
@@ -76,7 +80,8 @@ public:
         return result;
     }
     // The stamp step of parseLine, on its own; `line` must outlive the result.
-    static AuditStamp findAuditStamp(std::string_view line);
+    // Without `withSerial` the serial number is left unread.
+    static AuditStamp findAuditStamp(std::string_view line, bool withSerial = true);
     std::string convertToOutputFormat(const ParseResult& result);
     std::string convertTimestamp(const std::string& text) const;
     std::string generateLogHash(const ParseResult& result) const;
@@ -101,7 +106,21 @@ private:
     void parseLineFully(const std::string& line, ParseResult& result) const;
     void parseRecord(const std::string& line, ParseResult& result) const;
 
+    // Empties the duplicate cache, buckets included, and lets its memory be
+    // carved again.
+    void clearCache();
+    void reserveCache();
+
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
-    std::unordered_set<std::string> processedLogs_;
+    // Before the cache, which holds memory from it until destroyed.
+    KeyArena keyArena_;
+    // Strings of the standard library with their memory from the arena,
+    // hashed by the library's string hash (the one std::string uses, which
+    // the set also keeps beside each key, so a lookup never hashes twice).
+    using KeySet = std::pmr::unordered_set<std::pmr::string, std::hash<std::string_view>>;
+    KeySet processedLogs_{&keyArena_};
+    // Where each record's key is composed before the cache is asked, so that
+    // a repeat allocates nothing for its key.
+    std::pmr::string keyText_;
     static bool debugMode_;
 };
