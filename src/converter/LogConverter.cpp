@@ -33,9 +33,6 @@ constexpr std::size_t NAME_ANCHOR = 2;
 constexpr char STATUS_NEEDLE[] = "avc:";
 constexpr std::size_t STATUS_ANCHOR = 1;
 constexpr std::string_view KEY_SEPARATOR = "|";
-// Operations that are one word of each event kind.
-constexpr std::string_view EXEC_OPERATIONS[] = {"exec", "execute", "execmod", "interpret"};
-constexpr std::string_view FILE_OPERATIONS[] = {"write", "truncate", "setattr", "unlink", "rename"};
 constexpr std::size_t KEY_TIMESTAMP_LENGTH = 16;
 // Stamps above this are milliseconds; exactly this value still counts as seconds.
 constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
@@ -80,21 +77,14 @@ inline void copyPiece(char* out, std::string_view piece) {
 }
 
 // One allocation of the exact size instead of one append per piece. A
-// template, so that the fixed pieces are copied with sizes known at compile
-// time.
+// template, and each piece copied on its own, so that the fixed pieces are
+// copied with sizes known at compile time.
 template <typename... Pieces>
 std::string concat(const Pieces&... pieces) {
-    const std::string_view views[] = {std::string_view(pieces)...};
-    std::size_t size = 0;
-    for (const std::string_view piece : views) {
-        size += piece.size();
-    }
+    const std::size_t size = (std::string_view(pieces).size() + ...);
     std::string text(size, '\0');
     char* out = text.data();
-    for (const std::string_view piece : views) {
-        copyPiece(out, piece);
-        out += piece.size();
-    }
+    ((copyPiece(out, std::string_view(pieces)), out += std::string_view(pieces).size()), ...);
     return text;
 }
 
@@ -132,6 +122,22 @@ bool startsWith(std::string_view text, std::string_view prefix) {
 // The value after the first "type=", up to the next blank; only a blank ends it.
 // Returns false when the line has no "type=" at all.
 bool findAuditType(std::string_view line, std::string_view& type) {
+    // The two handled types at the start of the line, as records carry them,
+    // are recognised without a search for the blank.
+    constexpr std::string_view OPENS_AVC = "type=QIRN_AVC";
+    constexpr std::string_view OPENS_NETCTL = "type=QIRN_NETCTL";
+    if (line.size() >= OPENS_AVC.size() &&
+        std::memcmp(line.data(), OPENS_AVC.data(), OPENS_AVC.size()) == 0 &&
+        (line.size() == OPENS_AVC.size() || line[OPENS_AVC.size()] == ' ')) {
+        type = line.substr(TYPE_MARKER.size(), AVC_TYPE.size());
+        return true;
+    }
+    if (line.size() >= OPENS_NETCTL.size() &&
+        std::memcmp(line.data(), OPENS_NETCTL.data(), OPENS_NETCTL.size()) == 0 &&
+        (line.size() == OPENS_NETCTL.size() || line[OPENS_NETCTL.size()] == ' ')) {
+        type = line.substr(TYPE_MARKER.size(), NETCTL_TYPE.size());
+        return true;
+    }
     // Audit records begin with "type=": checking the start first spares a
     // search on nearly every line, and gives the same first occurrence.
     const std::size_t marker = startsWith(line, TYPE_MARKER) ? 0 : line.find(TYPE_MARKER);
@@ -172,6 +178,8 @@ std::size_t findThrough(std::string_view line, const char (&needle)[SIZE], std::
     return std::string_view::npos;
 }
 
+constexpr std::size_t EIGHT = 8;
+
 // Blank, tab, comma and colon, as bits of one word: all four are below 64.
 constexpr std::uint64_t FIELD_DELIMITERS = (std::uint64_t{1} << ' ') | (std::uint64_t{1} << '\t') |
                                            (std::uint64_t{1} << ',') | (std::uint64_t{1} << ':');
@@ -196,6 +204,33 @@ std::size_t findValueStart(std::string_view line, std::string_view key) {
 }
 
 // The value of a field whose "=" ends just before `start` (npos: no field).
+// The first field delimiter at or after `from`, or the end of the line.
+// Eight bytes are looked at together: a byte equal to a delimiter becomes
+// zero when xor-ed with it, and the lowest zero byte of a word is found
+// exactly (the bytes above it may show false hits, never the ones below).
+std::size_t delimiterFrom(std::string_view line, std::size_t from) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    constexpr std::uint64_t ONES = 0x0101010101010101;
+    constexpr std::uint64_t HIGHS = 0x8080808080808080;
+    const auto zeroBytes = [](std::uint64_t word) { return (word - ONES) & ~word & HIGHS; };
+    while (line.size() - from >= EIGHT) {
+        std::uint64_t chunk = 0;
+        std::memcpy(&chunk, line.data() + from, EIGHT);
+        const std::uint64_t hits =
+            zeroBytes(chunk ^ (ONES * ' ')) | zeroBytes(chunk ^ (ONES * '\t')) |
+            zeroBytes(chunk ^ (ONES * ',')) | zeroBytes(chunk ^ (ONES * ':'));
+        if (hits != 0) {
+            return from + static_cast<std::size_t>(__builtin_ctzll(hits)) / EIGHT;
+        }
+        from += EIGHT;
+    }
+#endif
+    while (from < line.size() && !isFieldDelimiter(line[from])) {
+        ++from;
+    }
+    return from;
+}
+
 std::string_view valueAt(std::string_view line, std::size_t start) {
     if (start == std::string_view::npos || start >= line.size()) {
         return {};
@@ -211,11 +246,7 @@ std::string_view valueAt(std::string_view line, std::size_t start) {
         }
         return line.substr(valueStart, closing - valueStart);
     }
-    std::size_t end = start;
-    while (end < line.size() && !isFieldDelimiter(line[end])) {
-        ++end;
-    }
-    return line.substr(start, end - start);
+    return line.substr(start, delimiterFrom(line, start) - start);
 }
 
 std::string_view fieldValue(std::string_view line, std::string_view key) {
@@ -239,8 +270,6 @@ std::string_view containerIdValue(std::string_view line) {
 std::string_view procPathValue(std::string_view line) {
     return valueAfter(line, findThrough<4>(line, PROC_PATH_NEEDLE), sizeof(PROC_PATH_NEEDLE) - 1);
 }
-
-constexpr std::size_t EIGHT = 8;
 
 // Eight decimal digits at once, the first byte the most significant digit;
 // false when one of the bytes is not a digit. A stamp's seconds are ten
@@ -283,6 +312,25 @@ bool eightDigits(const char* text, std::uint64_t& value) {
 constexpr std::size_t SAFE_DIGITS = 18;
 
 bool parseLeadingInteger(std::string_view text, long long& value) {
+    // A stamp opens with its digits: eight of them at once, then the rest
+    // of the 18 that cannot overflow. Longer runs take the general path.
+    std::uint64_t plain = 0;
+    if (text.size() >= EIGHT && eightDigits(text.data(), plain)) {
+        std::size_t end = EIGHT;
+        const std::size_t unchecked = std::min(text.size(), SAFE_DIGITS);
+        for (; end < unchecked; ++end) {
+            const unsigned digit =
+                static_cast<unsigned char>(text[end]) - static_cast<unsigned>('0');
+            if (digit > 9) {
+                break;
+            }
+            plain = plain * 10 + digit;
+        }
+        if (end == text.size() || text[end] < '0' || text[end] > '9') {
+            value = static_cast<long long>(plain);
+            return true;
+        }
+    }
     std::size_t i = 0;
     while (i < text.size() && isCSpace(text[i])) {
         ++i;
@@ -605,11 +653,102 @@ void composeKey(const LogConverter::ParseResult& result, Text& key) {
     key.resize(result.containerId.size() + result.path.size() + time.size() +
                2 * KEY_SEPARATOR.size());
     char* out = key.data();
-    for (const std::string_view piece : {std::string_view(result.containerId), KEY_SEPARATOR,
-                                         std::string_view(result.path), KEY_SEPARATOR, time}) {
-        copyPiece(out, piece);
-        out += piece.size();
+    copyPiece(out, result.containerId);
+    out += result.containerId.size();
+    *out++ = KEY_SEPARATOR[0];
+    copyPiece(out, result.path);
+    out += result.path.size();
+    *out++ = KEY_SEPARATOR[0];
+    copyPiece(out, time);
+}
+
+bool startsWithLowered(std::string_view text, std::string_view lowered) {
+    return text.size() >= lowered.size() && equalsLowered(text.substr(0, lowered.size()), lowered);
+}
+
+// Which words of the event kinds an operation contains, compared as if it
+// had been lower-cased: exec or interpret for execution, write, truncate,
+// setattr, unlink or rename for files.
+struct OperationWords {
+    bool exec = false;
+    bool file = false;
+};
+
+// One walk over the operation, each word tried only where its first letter
+// stands, instead of a lower-cased copy searched once per word.
+// An operation that is exactly one of the words, in lower case, as the
+// parser hands most of them on.
+bool exactWord(std::string_view operation, OperationWords& found) {
+    const auto is = [&](std::string_view word) { return operation == word; };
+    switch (operation.size()) {
+        case 4:
+            found.exec = is("exec");
+            break;
+        case 5:
+            found.file = is("write");
+            break;
+        case 6:
+            found.file = is("unlink") || is("rename");
+            break;
+        case 7:
+            found.exec = is("execute") || is("execmod");
+            found.file = is("setattr");
+            break;
+        case 8:
+            found.file = is("truncate");
+            break;
+        case 9:
+            found.exec = is("interpret");
+            break;
+        default:
+            break;
     }
+    return found.exec || found.file;
+}
+
+OperationWords wordsIn(std::string_view operation) {
+    OperationWords found;
+    if (exactWord(operation, found)) {
+        return found;
+    }
+    for (std::size_t i = 0; i < operation.size() && !found.exec; ++i) {
+        const std::string_view rest = operation.substr(i);
+        switch (lowerChar(operation[i])) {
+            case 'e':
+                found.exec = startsWithLowered(rest, "exec");
+                break;
+            case 'i':
+                found.exec = startsWithLowered(rest, "interpret");
+                break;
+            case 'w':
+                found.file = found.file || startsWithLowered(rest, "write");
+                break;
+            case 't':
+                found.file = found.file || startsWithLowered(rest, "truncate");
+                break;
+            case 's':
+                found.file = found.file || startsWithLowered(rest, "setattr");
+                break;
+            case 'u':
+                found.file = found.file || startsWithLowered(rest, "unlink");
+                break;
+            case 'r':
+                found.file = found.file || startsWithLowered(rest, "rename");
+                break;
+            default:
+                break;
+        }
+    }
+    return found;
+}
+
+// Blank, tab and colon end a status word; a comma does not.
+bool isStatusWordEnd(char c) { return c == ' ' || c == '\t' || c == ':'; }
+
+// Whether `text` opens with exactly `word` as a whole status word.
+bool isWholeStatusWord(std::string_view text, std::string_view word) {
+    return startsWith(text, word) &&
+           (text.size() == word.size() || isStatusWordEnd(text[word.size()]));
 }
 
 // An empty word means the value has none.
@@ -746,14 +885,14 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
         const std::string_view name = nameValue(line);
         result.path.append(name.data(), name.size());
     } else if (type == NETCTL_TYPE) {
-        std::string procPath(procPathValue(line));
-        if (procPath.empty()) {
+        const std::string_view procPath = procPathValue(line);
+        result.path.append(procPath.data(), procPath.size());
+        if (result.path.empty()) {
             // The second attempt gives the same result; it is the parser's
             // established order and costs nothing on a line that has the field.
-            procPath = extractQuotedField(line, std::string(PROC_PATH_KEY));
+            result.path = extractQuotedField(line, std::string(PROC_PATH_KEY));
         }
-        if (!procPath.empty()) {
-            result.path = std::move(procPath);
+        if (!result.path.empty()) {
             trace(debugMode_, Logger::DEBUG,
                   [&] { return "NETCTL path extracted from proc_path: " + result.path; });
         }
@@ -878,57 +1017,20 @@ void LogConverter::reserveCache() {
 
 LogConverter::EventType LogConverter::determineEventType(const std::string& type,
                                                          const std::string& operation) const {
-    // With no trace to write, the two types as the filter passes them, and
-    // an operation that is exactly one of the words, are settled by plain
-    // comparisons; each gives what the general path below would.
-    if (!debugMode_) {
-        if (type == NETCTL_TYPE) {
-            return EventType::NETCTL;
-        }
-        if (type == AVC_TYPE) {
-            for (const std::string_view word : EXEC_OPERATIONS) {
-                if (operation == word) {
-                    return EventType::EXECTL;
-                }
-            }
-            for (const std::string_view word : FILE_OPERATIONS) {
-                if (operation == word) {
-                    return EventType::FILECTL;
-                }
-            }
-        }
-    }
-    if (equalsLowered(type, "qirn_netctl")) {
+    // The exact spellings, which the filter passes, before the comparison
+    // that ignores case.
+    if (type == NETCTL_TYPE || equalsLowered(type, "qirn_netctl")) {
         trace(debugMode_, Logger::DEBUG, [&] { return "Type is QIRN_NETCTL -> netctl"; });
         return EventType::NETCTL;
     }
-    if (equalsLowered(type, "qirn_avc")) {
-        // With no trace to write, an operation that is exactly one of the
-        // words is settled without a lower-cased copy and the searches in it;
-        // each such word gives what the searches below would.
-        if (!debugMode_) {
-            for (const std::string_view word : EXEC_OPERATIONS) {
-                if (equalsLowered(operation, word)) {
-                    return EventType::EXECTL;
-                }
-            }
-            for (const std::string_view word : FILE_OPERATIONS) {
-                if (equalsLowered(operation, word)) {
-                    return EventType::FILECTL;
-                }
-            }
-        }
-        // Lower-cased once, then searched for each word: an operation is short
-        // enough to stay in the string's own buffer.
-        const std::string lowered = lowerCopy(operation);
-        if (contains(lowered, "exec") || contains(lowered, "interpret")) {
+    if (type == AVC_TYPE || equalsLowered(type, "qirn_avc")) {
+        const OperationWords words = wordsIn(operation);
+        if (words.exec) {
             trace(debugMode_, Logger::DEBUG,
                   [&] { return "Operation is exec/interpret -> exectl"; });
             return EventType::EXECTL;
         }
-        if (contains(lowered, "write") || contains(lowered, "truncate") ||
-            contains(lowered, "setattr") || contains(lowered, "unlink") ||
-            contains(lowered, "rename")) {
+        if (words.file) {
             trace(debugMode_, Logger::DEBUG,
                   [&] { return "Operation is write/truncate/setattr/unlink/rename -> filectl"; });
             return EventType::FILECTL;
@@ -951,8 +1053,20 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     while (start < text.size() && (text[start] == ' ' || text[start] == '\t')) {
         ++start;
     }
+    // With no trace to write, the two words audit records carry, as they
+    // carry them, are recognised where they stand, before the word's end is
+    // searched for.
+    if (!debugMode_) {
+        const std::string_view rest = text.substr(start);
+        if (isWholeStatusWord(rest, "denied")) {
+            return StatusType::ENFORCING;
+        }
+        if (isWholeStatusWord(rest, "detected")) {
+            return StatusType::PERMISSIVE;
+        }
+    }
     std::size_t end = start;
-    while (end < text.size() && text[end] != ' ' && text[end] != '\t' && text[end] != ':') {
+    while (end < text.size() && !isStatusWordEnd(text[end])) {
         ++end;
     }
     // A comma does not end the word, so "denied," still counts as denied.
@@ -962,12 +1076,6 @@ LogConverter::StatusType LogConverter::determineStatusType(const std::string& li
     // With no trace to write, the two words audit records carry are settled
     // without a lower-cased copy and a search in it.
     if (!debugMode_) {
-        if (word == "denied") {
-            return StatusType::ENFORCING;
-        }
-        if (word == "detected") {
-            return StatusType::PERMISSIVE;
-        }
         if (equalsLowered(word, "denied")) {
             return StatusType::ENFORCING;
         }
