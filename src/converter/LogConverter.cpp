@@ -25,11 +25,11 @@ constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
 constexpr std::string_view QIRN_PREFIX = "QIRN_";
 constexpr std::string_view PROC_PATH_KEY = "proc_path";
 // Markers searched through one of their bytes (findThrough), chosen rare in
-// audit records: "(", "m" and "v".
+// audit records: "(", "n" and "v".
 constexpr char STAMP_NEEDLE[] = "audit(";
 constexpr std::size_t STAMP_ANCHOR = 5;
 constexpr char NAME_NEEDLE[] = "name=";
-constexpr std::size_t NAME_ANCHOR = 2;
+constexpr std::size_t NAME_ANCHOR = 0;
 constexpr char STATUS_NEEDLE[] = "avc:";
 constexpr std::size_t STATUS_ANCHOR = 1;
 constexpr std::string_view KEY_SEPARATOR = "|";
@@ -45,6 +45,25 @@ constexpr const char* TIME_FORMAT = "%b %d %H:%M:%S";
 char lowerChar(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool isCSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// The two answers above for every byte, looked up where a loop asks them of
+// each byte of a text.
+struct ByteTables {
+    char lower[256];
+    unsigned char space[256];
+};
+
+constexpr ByteTables makeByteTables() {
+    ByteTables tables{};
+    for (int byte = 0; byte < 256; ++byte) {
+        const char c = static_cast<char>(byte);
+        tables.lower[byte] = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        tables.space[byte] = c == ' ' || (c >= '\t' && c <= '\r') ? 1 : 0;
+    }
+    return tables;
+}
+
+constexpr ByteTables BYTE_TABLES = makeByteTables();
 
 // Copies a piece of a composed text: most pieces are short, and two
 // overlapping fixed-size moves copy them without a library call.
@@ -263,7 +282,11 @@ std::string_view valueAfter(std::string_view line, std::size_t needle, std::size
 }
 
 std::string_view containerIdValue(std::string_view line) {
-    return valueAfter(line, findThrough<9>(line, CONTAINER_ID_NEEDLE),
+    // No "container_id=" can begin inside an opening "type=QIRN_", which has
+    // no "c": the search starts after it, past that first underscore.
+    constexpr std::string_view OPENING = "type=QIRN_";
+    const std::size_t from = startsWith(line, OPENING) ? OPENING.size() : 0;
+    return valueAfter(line, findThrough<9>(line, CONTAINER_ID_NEEDLE, from),
                       sizeof(CONTAINER_ID_NEEDLE) - 1);
 }
 
@@ -460,38 +483,38 @@ void putTwoDigits(char* out, int value) {
 
 // "%b %d %H:%M:%S" in the C locale, which the service never leaves: every
 // field has a fixed width, so the text is written directly. Out-of-range
-// fields (localtime_r never produces them) fall back to strftime.
-std::string formatLocalTime(const struct tm& local) {
+// fields (localtime_r never produces them) fall back to strftime. Writes into
+// `out`, which has room for TIME_BUFFER_SIZE bytes, and returns the length.
+std::size_t formatLocalTime(const struct tm& local, char* out) {
     const bool inRange = local.tm_mon >= 0 && local.tm_mon < 12 && local.tm_mday >= 0 &&
                          local.tm_mday < 100 && local.tm_hour >= 0 && local.tm_hour < 100 &&
                          local.tm_min >= 0 && local.tm_min < 100 && local.tm_sec >= 0 &&
                          local.tm_sec < 100;
     if (!inRange) {
-        char buffer[TIME_BUFFER_SIZE];
-        const std::size_t length = std::strftime(buffer, sizeof(buffer), TIME_FORMAT, &local);
-        return std::string(buffer, length);
+        return std::strftime(out, TIME_BUFFER_SIZE, TIME_FORMAT, &local);
     }
-    char text[TIME_TEXT_LENGTH];
     std::memcpy(
-        text, MONTH_NAMES.substr(MONTH_NAME_LENGTH * static_cast<std::size_t>(local.tm_mon)).data(),
+        out, MONTH_NAMES.substr(MONTH_NAME_LENGTH * static_cast<std::size_t>(local.tm_mon)).data(),
         MONTH_NAME_LENGTH);
-    text[3] = ' ';
-    putTwoDigits(text + 4, local.tm_mday);
-    text[6] = ' ';
-    putTwoDigits(text + 7, local.tm_hour);
-    text[9] = ':';
-    putTwoDigits(text + 10, local.tm_min);
-    text[12] = ':';
-    putTwoDigits(text + 13, local.tm_sec);
-    return std::string(text, TIME_TEXT_LENGTH);
+    out[3] = ' ';
+    putTwoDigits(out + 4, local.tm_mday);
+    out[6] = ' ';
+    putTwoDigits(out + 7, local.tm_hour);
+    out[9] = ':';
+    putTwoDigits(out + 10, local.tm_min);
+    out[12] = ':';
+    putTwoDigits(out + 13, local.tm_sec);
+    return TIME_TEXT_LENGTH;
 }
 
 // The last second converted on this thread, with where the zone came from.
+// Plain data, so that reaching it costs no initialisation check.
 struct LastConversion {
     bool filled = false;
     time_t seconds = 0;
     ZoneProbe zone;
-    std::string text;
+    std::size_t length = 0;
+    char text[TIME_BUFFER_SIZE] = {};
 };
 
 // Audit records come in bursts within one second, and localtime_r is the
@@ -502,11 +525,12 @@ struct LastConversion {
 // setenv() and tzset(); that second keeps the first zone's text, which differs
 // only for dates when the two zones' rules differed. The service never
 // changes its zone or its LC_TIME locale. Per thread, so that conversions
-// share no state.
-std::string localTimeText(time_t seconds) {
+// share no state. The text returned stays valid until the thread's next call;
+// it is empty when localtime_r fails.
+std::string_view localTimeText(time_t seconds) {
     thread_local LastConversion last;
     if (last.filled && last.seconds == seconds && zoneUnchanged(last.zone)) {
-        return last.text;
+        return {last.text, last.length};
     }
     // localtime_r instead of localtime: same result without the shared static buffer.
     struct tm local {};
@@ -514,11 +538,29 @@ std::string localTimeText(time_t seconds) {
         last.filled = false;
         return {};
     }
-    last.text = formatLocalTime(local);
+    last.length = formatLocalTime(local, last.text);
     last.seconds = seconds;
     last.zone = probeZone();
     last.filled = true;
-    return last.text;
+    return {last.text, last.length};
+}
+
+// Appends the converted time to `out`, which is left empty when the time
+// does not convert. Running out of memory ends the same way, like any other
+// failure of the conversion, rather than in an exception leaving it.
+void appendConvertedTime(long long seconds, std::string& out) {
+    try {
+        const std::string_view text = localTimeText(static_cast<time_t>(seconds));
+        out.append(text.data(), text.size());
+    } catch (...) {
+        out.clear();
+    }
+}
+
+std::string convertedTime(long long seconds) {
+    std::string text;
+    appendConvertedTime(seconds, text);
+    return text;
 }
 
 // Seconds of a stamp text after the millisecond rule.
@@ -530,16 +572,6 @@ bool stampSeconds(std::string_view text, long long& seconds) {
         seconds /= MILLISECONDS_PER_SECOND;
     }
     return true;
-}
-
-// Running out of memory ends in an empty result, like any other failure of
-// the conversion, rather than in an exception leaving it.
-std::string convertedTime(long long seconds) {
-    try {
-        return localTimeText(static_cast<time_t>(seconds));
-    } catch (...) {
-        return {};
-    }
 }
 
 std::string formatStamp(std::string_view text) {
@@ -618,10 +650,11 @@ std::string extractOperation(std::string_view line) {
     if (inside.size() <= SHORT_OPERATION) {
         char text[SHORT_OPERATION];
         std::size_t length = 0;
+        // Every byte is written; only the kept ones move the end on.
         for (const char c : inside) {
-            if (!isCSpace(c)) {
-                text[length++] = lowerChar(c);
-            }
+            const auto byte = static_cast<unsigned char>(c);
+            text[length] = BYTE_TABLES.lower[byte];
+            length += 1U - BYTE_TABLES.space[byte];
         }
         operation.assign(text, length);
         return operation;
@@ -746,7 +779,7 @@ OperationWords wordsIn(std::string_view operation) {
 bool isStatusWordEnd(char c) { return c == ' ' || c == '\t' || c == ':'; }
 
 // Whether `text` opens with exactly `word` as a whole status word.
-bool isWholeStatusWord(std::string_view text, std::string_view word) {
+inline bool isWholeStatusWord(std::string_view text, std::string_view word) {
     return startsWith(text, word) &&
            (text.size() == word.size() || isStatusWordEnd(text[word.size()]));
 }
@@ -834,18 +867,22 @@ void LogConverter::parseLineFully(const std::string& line, ParseResult& result) 
     result.containerId.clear();
     try {
         trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
-        if (!shouldProcess(line)) {
+        // The filter's own test, with the type it found kept for the parse,
+        // which would otherwise look for the same first "type=" again.
+        std::string_view type;
+        if (!findAuditType(line, type) || (type != AVC_TYPE && type != NETCTL_TYPE)) {
             trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
             return;
         }
 
-        parseRecord(line, result);
+        parseRecord(line, type, result);
     } catch (const std::exception& e) {
         trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
     }
 }
 
-void LogConverter::parseRecord(const std::string& line, ParseResult& result) const {
+void LogConverter::parseRecord(const std::string& line, std::string_view typeView,
+                               ParseResult& result) const {
     const std::string_view containerId = containerIdValue(line);
     if (containerId.empty()) {
         trace(debugMode_, Logger::DEBUG,
@@ -865,7 +902,7 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
         return;
     }
     if (stamp.hasSeconds) {
-        result.timestamp = convertedTime(stamp.seconds);
+        appendConvertedTime(stamp.seconds, result.timestamp);
     }
     if (result.timestamp.empty()) {
         trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
@@ -873,12 +910,19 @@ void LogConverter::parseRecord(const std::string& line, ParseResult& result) con
     }
     trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
 
-    std::string_view typeView;
-    if (!findAuditType(line, typeView) || typeView.empty()) {
+    // The type was found by the filter: the first "type=", up to the next blank.
+    if (typeView.empty()) {
         trace(debugMode_, Logger::DEBUG, [&] { return "No type found"; });
         return;
     }
-    const std::string type(typeView);
+    // The two types the filter passes are spelled alike on every line: their
+    // strings are made once.
+    static const std::string avcType(AVC_TYPE);
+    static const std::string netctlType(NETCTL_TYPE);
+    std::string otherType;
+    const std::string& type = typeView == AVC_TYPE      ? avcType
+                              : typeView == NETCTL_TYPE ? netctlType
+                                                        : otherType.assign(typeView);
     trace(debugMode_, Logger::DEBUG, [&] { return "Type: " + type; });
 
     if (type == AVC_TYPE) {

@@ -104,7 +104,7 @@ private:
     // filter. Apart so that the common line of another type is settled in the
     // caller's frame.
     void parseLineFully(const std::string& line, ParseResult& result) const;
-    void parseRecord(const std::string& line, ParseResult& result) const;
+    void parseRecord(const std::string& line, std::string_view type, ParseResult& result) const;
 
     // Empties the duplicate cache, buckets included, and lets its memory be
     // carved again.
