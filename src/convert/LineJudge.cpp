@@ -95,6 +95,12 @@ void LineJudge::parse(const std::string& line, Verdict& verdict) {
     parseRecord(line, verdict);
 }
 
+void LineJudge::parseHandled(const std::string& line, Verdict& verdict) {
+    verdict.detail.clear();
+    verdict.event.clear();
+    parseRecord(line, verdict);
+}
+
 void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
     try {
         verdict.record = converter_.parseLine(line);
