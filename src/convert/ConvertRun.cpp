@@ -229,7 +229,9 @@ bool ConvertRun::handleJudged() {
     }
     summary_.lineRead();
     deliver(verdict_, lineText_);
-    reportStray();
+    if (judge_.hasStrayLines()) {
+        reportStray();
+    }
     return true;
 }
 
@@ -393,9 +395,6 @@ void ConvertRun::reconcile() {
 }
 
 void ConvertRun::reportStray() {
-    if (!judge_.hasStrayLines()) {
-        return;
-    }
     for (const std::string& message : judge_.takeStrayLines()) {
         writeText(errorFd_, PROGRAM + sourceText() + ": converter: " + message + "\n");
     }
