@@ -153,8 +153,9 @@ void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
     const std::string sourceName = input.isStandardInput() ? STANDARD_INPUT_SOURCE : name;
     // With a checkpoint an unfinished last line waits for the next run.
     LineSource source(input, start, firstLine, checkpoint == nullptr);
-    const bool complete = source.run(
-        [this, &sourceName](const LineSource::Line& line) { return handleLine(line, sourceName); });
+    sourceName_ = &sourceName;
+    const bool complete =
+        source.run([this](const LineSource::Line& line) { return handleLine(line); });
     if (!complete) {
         reportError(input.error());
     }
@@ -169,9 +170,23 @@ void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
     }
 }
 
-bool ConvertRun::handleLine(const LineSource::Line& line, const std::string& sourceName) {
-    sourceName_ = &sourceName;
+bool ConvertRun::handleLine(const LineSource::Line& line) {
     lineNumber_ = line.number;
+    if (explaining_ || line.tooLong || judge_.hasStrayLines()) {
+        return handleRecord(line, false);
+    }
+    // Most lines are of another audit type; without explanations there is
+    // nothing to write for them, so they are settled on the bytes where they
+    // lie, never copied.
+    if (LineJudge::isOtherType(std::string_view(line.text, line.length))) {
+        summary_.lineRead();
+        summary_.count(LineJudge::Reason::TYPE);
+        return true;
+    }
+    return handleRecord(line, true);
+}
+
+bool ConvertRun::handleRecord(const LineSource::Line& line, bool typeChecked) {
     if (line.tooLong) {
         return handleTooLong();
     }
@@ -179,15 +194,12 @@ bool ConvertRun::handleLine(const LineSource::Line& line, const std::string& sou
     // replacement that assign() goes through.
     lineText_.clear();
     lineText_.append(line.text, line.length);
-    judge_.parse(lineText_, verdict_);
-    if (verdict_.reason != LineJudge::Reason::TYPE || explaining_ || judge_.hasStrayLines()) {
-        return handleJudged();
+    if (typeChecked) {
+        judge_.parseHandled(lineText_, verdict_);
+    } else {
+        judge_.parse(lineText_, verdict_);
     }
-    // Most lines are of another audit type, and without explanations there
-    // is nothing to write for them.
-    summary_.lineRead();
-    summary_.count(LineJudge::Reason::TYPE);
-    return true;
+    return handleJudged();
 }
 
 bool ConvertRun::handleTooLong() {
@@ -217,7 +229,9 @@ bool ConvertRun::handleJudged() {
     }
     summary_.lineRead();
     deliver(verdict_, lineText_);
-    reportStray();
+    if (judge_.hasStrayLines()) {
+        reportStray();
+    }
     return true;
 }
 
@@ -381,9 +395,6 @@ void ConvertRun::reconcile() {
 }
 
 void ConvertRun::reportStray() {
-    if (!judge_.hasStrayLines()) {
-        return;
-    }
     for (const std::string& message : judge_.takeStrayLines()) {
         writeText(errorFd_, PROGRAM + sourceText() + ": converter: " + message + "\n");
     }

@@ -39,10 +39,13 @@ private:
     };
 
     void convertInput(const std::string& name, Checkpoint* checkpoint);
-    bool handleLine(const LineSource::Line& line, const std::string& sourceName);
+    // Inlined into the line loop: most lines are settled right there.
+    [[gnu::always_inline]] inline bool handleLine(const LineSource::Line& line);
     // The rest of handleLine, out of line so that a line of another type,
-    // most lines, runs in a small frame.
-    [[gnu::noinline]] bool handleJudged();
+    // most lines, runs in a small frame. `typeChecked`: the line passed the
+    // type filter already.
+    [[gnu::noinline]] bool handleRecord(const LineSource::Line& line, bool typeChecked);
+    bool handleJudged();
     [[gnu::noinline]] bool handleTooLong();
     // Leaves a valid record out for its audit time; true when it is to be
     // left out, with `tooNew` telling the settle and --until bound apart.

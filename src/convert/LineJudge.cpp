@@ -95,10 +95,17 @@ void LineJudge::parse(const std::string& line, Verdict& verdict) {
     parseRecord(line, verdict);
 }
 
+void LineJudge::parseHandled(const std::string& line, Verdict& verdict) {
+    verdict.detail.clear();
+    verdict.event.clear();
+    parseRecord(line, verdict);
+}
+
 void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
     try {
         verdict.record = converter_.parseLine(line);
-        if (takeCaptured(EXCEPTION_PREFIX, &verdict.detail)) {
+        // Nearly always nothing was logged: no call to search the lines.
+        if (!captured_.empty() && takeCaptured(EXCEPTION_PREFIX, &verdict.detail)) {
             verdict.reason = Reason::EXCEPTION;
             return;
         }

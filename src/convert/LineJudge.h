@@ -46,9 +46,17 @@ public:
     LineJudge(const LineJudge&) = delete;
     LineJudge& operator=(const LineJudge&) = delete;
 
+    // The converter's own type filter on the line's bytes where they lie, so
+    // that a caller can settle most lines before copying them: true exactly
+    // when parse() would give reason TYPE.
+    static bool isOtherType(std::string_view line) { return !LogConverter::isHandledType(line); }
+
     // First step: parses the line. A valid record leaves reason EVENT with the
     // cache untouched, so that the caller can still leave it out by its time.
     void parse(const std::string& line, Verdict& verdict);
+    // parse() for a line that isOtherType() has already let through, without
+    // running the filter a second time.
+    void parseHandled(const std::string& line, Verdict& verdict);
     // Second step for a valid record: the duplicate cache and the output line.
     void emit(Verdict& verdict);
 

@@ -64,3 +64,14 @@ TEST(GoldenCorpusTest, PlainConversionWritesTheEventLines) {
         "Nov 15 "
         "13:11:00,container_id=9c0d55,Event=exectl,path=/usr/bin/python3,status=enforcing\n");
 }
+
+// Without explanations most lines are settled before they are copied; the
+// counts must not notice.
+TEST(GoldenCorpusTest, PlainConversionCountsEveryReasonAsExplainDoes) {
+    TempDir dir;
+    const CommandResult result = runConvert(
+        {"--until", UNTIL, "--settle", "0", "--reconcile", GOLDEN + "present-events.log", "-"},
+        goldenInput(dir));
+    EXPECT_EQ(result.stderrText, readFile(GOLDEN + "expected-summary.txt"));
+    EXPECT_EQ(result.exitCode, 0);
+}
