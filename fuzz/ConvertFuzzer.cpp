@@ -135,6 +135,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         text.assign(line.text, line.length);
         fed.push_back(text);
         judge.parse(text, verdict);
+        // The shortcut that spares the copy of most lines answers as the
+        // whole judgement does.
+        FUZZ_CHECK(LineJudge::isOtherType(text) == (verdict.reason == LineJudge::Reason::TYPE));
         if (verdict.reason == LineJudge::Reason::EVENT) {
             judge.emit(verdict);
         }
