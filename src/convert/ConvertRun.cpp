@@ -150,10 +150,9 @@ void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
             return;
         }
     }
-    const std::string sourceName = input.isStandardInput() ? STANDARD_INPUT_SOURCE : name;
     // With a checkpoint an unfinished last line waits for the next run.
     LineSource source(input, start, firstLine, checkpoint == nullptr);
-    sourceName_ = &sourceName;
+    sourceName_ = input.isStandardInput() ? STANDARD_INPUT_SOURCE : name;
     const bool complete =
         source.run([this](const LineSource::Line& line) { return handleLine(line); });
     if (!complete) {
@@ -251,7 +250,7 @@ bool ConvertRun::outOfRange(const std::string& line, bool& tooNew, std::string& 
 }
 
 std::string ConvertRun::sourceText() const {
-    return *sourceName_ + ":" + std::to_string(lineNumber_);
+    return sourceName_ + ":" + std::to_string(lineNumber_);
 }
 
 void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& line) {

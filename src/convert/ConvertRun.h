@@ -80,7 +80,7 @@ private:
     bool explaining_;  // rows instead of events
     std::vector<Pending> pending_;
     std::unordered_map<std::string, bool> candidates_;  // key -> found in an event log
-    const std::string* sourceName_ = nullptr;
+    std::string sourceName_;
     uint64_t lineNumber_ = 0;
     std::string lineText_;
     LineJudge::Verdict verdict_;

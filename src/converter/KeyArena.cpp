@@ -7,10 +7,11 @@
 namespace {
 
 // A thousand keys with their nodes take some 150 KiB: a few blocks hold them.
-constexpr std::size_t FIRST_BLOCK_BYTES = 16 * 1024;
-constexpr std::size_t LARGEST_BLOCK_BYTES = 64 * 1024;
+constexpr std::size_t KIB = 1024;
+constexpr std::size_t FIRST_BLOCK_BYTES = 16 * KIB;
+constexpr std::size_t LARGEST_BLOCK_BYTES = 64 * KIB;
 // Larger requests are not carved from blocks.
-constexpr std::size_t LARGE_REQUEST_BYTES = 4 * 1024;
+constexpr std::size_t LARGE_REQUEST_BYTES = 4 * KIB;
 
 std::size_t paddingFor(const std::byte* at, std::size_t alignment) {
     const auto address = reinterpret_cast<std::uintptr_t>(at);
@@ -50,10 +51,9 @@ void* KeyArena::allocateSlow(std::size_t bytes, std::size_t alignment) {
     if (bytes + alignment > LARGE_REQUEST_BYTES) {
         // new[] aligns for every fundamental type; a request for more is
         // served from the front of an over-sized allocation.
-        std::unique_ptr<std::byte[]> owned(new std::byte[bytes + alignment]);
-        std::byte* const start = owned.get();
-        large_.push_back(std::move(owned));
+        large_.push_back(std::unique_ptr<std::byte[]>(new std::byte[bytes + alignment]));
         largeBytes_ += bytes + alignment;
+        std::byte* const start = large_.back().get();
         return start + paddingFor(start, alignment);
     }
     // The next kept block that is large enough, else a new one.
