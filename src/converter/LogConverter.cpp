@@ -34,6 +34,8 @@ constexpr char STATUS_NEEDLE[] = "avc:";
 constexpr std::size_t STATUS_ANCHOR = 1;
 constexpr std::string_view KEY_SEPARATOR = "|";
 constexpr std::size_t KEY_TIMESTAMP_LENGTH = 16;
+// The reused key text keeps at most this much room between records.
+constexpr std::size_t KEPT_KEY_TEXT_BYTES = 4096;
 // Stamps above this are milliseconds; exactly this value still counts as seconds.
 constexpr long long MILLISECONDS_THRESHOLD = 10000000000LL;
 constexpr long long MILLISECONDS_PER_SECOND = 1000;
@@ -1008,6 +1010,10 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
         // Copied into the cache only when new; on a duplicate the cache keeps
         // its own, equal copy, which is the one reported.
         const auto [entry, inserted] = processedLogs_.insert(keyText_);
+        if (keyText_.capacity() > KEPT_KEY_TEXT_BYTES) {
+            // The room a very long path needed is not kept for good.
+            std::pmr::string().swap(keyText_);
+        }
         if (!inserted) {
             trace(Logger::DEBUG, concat("Skipping duplicate log entry: ", *entry));
             return {};
