@@ -59,6 +59,16 @@ std::atomic<long> failingAllocation{0};
     operator delete(block);
 }
 
+// The array forms too: the library's own forward here, but a sanitizer's
+// runtime brings array forms that would not.
+[[gnu::noinline]] void* operator new[](std::size_t size) { return operator new(size); }
+
+[[gnu::noinline]] void operator delete[](void* block) noexcept { operator delete(block); }
+
+[[gnu::noinline]] void operator delete[](void* block, std::size_t) noexcept {
+    operator delete(block);
+}
+
 // The over-aligned forms, which memory resources of the library use, are
 // counted alike.
 [[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
