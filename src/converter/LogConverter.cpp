@@ -171,6 +171,12 @@ bool findAuditType(std::string_view line, std::string_view& type) {
     return true;
 }
 
+// The filter's rule: the first "type=" carries one of the two handled types,
+// which is kept in `type` for the parse.
+bool findHandledType(std::string_view line, std::string_view& type) {
+    return findAuditType(line, type) && (type == AVC_TYPE || type == NETCTL_TYPE);
+}
+
 // The first `needle` at or after `from`, the same answer as
 // line.find(needle, from), found through the needle's byte at ANCHOR: one that
 // is rare in audit records, so that memchr stops at few candidates, each
@@ -845,10 +851,7 @@ bool LogConverter::isHandledType(std::string_view line) {
         return false;
     }
     std::string_view type;
-    if (!findAuditType(line, type)) {
-        return false;
-    }
-    return type == AVC_TYPE || type == NETCTL_TYPE;
+    return findHandledType(line, type);
 }
 
 std::string LogConverter::extractField(const std::string& line, const std::string& key) const {
@@ -872,7 +875,7 @@ void LogConverter::parseLineFully(const std::string& line, ParseResult& result) 
         // The filter's own test, with the type it found kept for the parse,
         // which would otherwise look for the same first "type=" again.
         std::string_view type;
-        if (!findAuditType(line, type) || (type != AVC_TYPE && type != NETCTL_TYPE)) {
+        if (!findHandledType(line, type)) {
             trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
             return;
         }
