@@ -11,6 +11,7 @@
 // reported, not failed. Every other fault fails the test: before that point
 // the service must never crash, report or exit with another status.
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -107,6 +108,50 @@ std::string reportSummary(const std::string& report) {
     return summary.empty() ? report : summary;
 }
 
+// Where each thread of a process that did not exit is: gdb's backtraces when
+// gdb is there, else each thread's state, kernel wait channel and system call.
+std::string threadStacks(pid_t pid) {
+    const std::string id = std::to_string(pid);
+    std::string text;
+    if (std::system("command -v gdb >/dev/null 2>&1") == 0) {
+        const std::string command = "timeout 60 gdb -p " + id +
+                                    " -batch -nx -ex 'thread apply all bt 30' 2>/dev/null | "
+                                    "grep -E '^(Thread|#)'";
+        if (FILE* pipe = popen(command.c_str(), "r")) {
+            char buffer[4096];
+            size_t got = 0;
+            while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+                text.append(buffer, got);
+            }
+            pclose(pipe);
+        }
+    }
+    const std::string tasks = "/proc/" + id + "/task";
+    if (DIR* dir = opendir(tasks.c_str())) {
+        while (const dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            const std::string task = tasks + "/" + entry->d_name;
+            std::string stat = readFile(task + "/stat");
+            const size_t close = stat.rfind(')');
+            const std::string state = close != std::string::npos && close + 2 < stat.size()
+                                          ? stat.substr(close + 2, 1)
+                                          : "?";
+            std::string syscall = readFile(task + "/syscall");
+            syscall = syscall.substr(0, syscall.find(' '));
+            text += std::string("task ") + entry->d_name + " comm=" + readFile(task + "/comm");
+            if (!text.empty() && text.back() == '\n') {
+                text.pop_back();
+            }
+            text += " state=" + state + " wchan=" + readFile(task + "/wchan") +
+                    " syscall=" + syscall + "\n";
+        }
+        closedir(dir);
+    }
+    return text;
+}
+
 struct RoundResult {
     Outcome outcome = Outcome::CLEAN;
     Outcome fault = Outcome::CLEAN;  // what a shutdown-window hit looked like
@@ -157,6 +202,8 @@ RoundResult runOneRound(int round) {
         result.detail = "no output before the signal";
     } else if (!ended) {
         result.outcome = Outcome::HUNG;
+        result.detail = "stdout: " + runner.stdoutText() + "\nstderr: " + errors + "\nthreads:\n" +
+                        threadStacks(runner.pid());
     } else if (errors.find("Sanitizer") != std::string::npos ||
                errors.find("runtime error") != std::string::npos) {
         result.outcome = Outcome::SANITIZER_REPORT;
