@@ -202,8 +202,9 @@ RoundResult runOneRound(int round) {
         result.detail = "no output before the signal";
     } else if (!ended) {
         result.outcome = Outcome::HUNG;
-        result.detail = "stdout: " + runner.stdoutText() + "\nstderr: " + errors + "\nthreads:\n" +
-                        threadStacks(runner.pid());
+        // The stacks first: the failure message keeps only the detail's start.
+        result.detail = "threads:\n" + threadStacks(runner.pid()) +
+                        "stdout: " + runner.stdoutText() + "\nstderr: " + errors;
     } else if (errors.find("Sanitizer") != std::string::npos ||
                errors.find("runtime error") != std::string::npos) {
         result.outcome = Outcome::SANITIZER_REPORT;
