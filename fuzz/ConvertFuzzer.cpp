@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "convert/EventKey.h"
+#include "common/EventLine.h"
 #include "convert/FieldEscaper.h"
 #include "convert/InputStream.h"
 #include "convert/LineJudge.h"
@@ -100,10 +100,11 @@ void checkVerdict(const LineJudge::Verdict& verdict) {
         FUZZ_CHECK(validUtf8WithoutControls(json));
     }
     if (verdict.record.containerId.find(",Event=") == std::string::npos) {
-        std::string key;
-        FUZZ_CHECK(EventKey::fromEventLine(verdict.event, key));
-        FUZZ_CHECK(key == EventKey::compose(verdict.record.containerId, verdict.record.path,
-                                            verdict.event.substr(0, 15)));
+        EventLine::Fields fields;
+        FUZZ_CHECK(EventLine::parse(verdict.event, fields));
+        FUZZ_CHECK(EventLine::key(fields) ==
+                   EventLine::key(verdict.record.containerId, verdict.record.path,
+                                  verdict.event.substr(0, EventLine::TIME_LENGTH)));
     }
 }
 

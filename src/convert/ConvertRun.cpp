@@ -6,7 +6,7 @@
 #include <ctime>
 #include <exception>
 
-#include "convert/EventKey.h"
+#include "common/EventLine.h"
 #include "convert/FieldEscaper.h"
 #include "convert/InputStream.h"
 
@@ -14,11 +14,6 @@ namespace {
 
 constexpr const char* PROGRAM = "qirn-log-convert: ";
 constexpr const char* STANDARD_INPUT_SOURCE = "-";
-constexpr std::size_t TIME_LENGTH = 15;
-constexpr std::string_view CONTAINER_MARKER = ",container_id=";
-constexpr std::string_view EVENT_MARKER = ",Event=";
-constexpr std::string_view PATH_MARKER = ",path=";
-constexpr std::string_view STATUS_MARKER = ",status=";
 
 void writeText(int fd, const std::string& text) {
     std::size_t done = 0;
@@ -267,8 +262,8 @@ void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& l
         pending.source = sourceText();
         if (isEvent) {
             pending.event = verdict.event;
-            pending.key = EventKey::compose(verdict.record.containerId, verdict.record.path,
-                                            verdict.event.substr(0, TIME_LENGTH));
+            pending.key = EventLine::key(verdict.record.containerId, verdict.record.path,
+                                         verdict.event.substr(0, EventLine::TIME_LENGTH));
             candidates_.emplace(pending.key, false);
             if (explaining) {
                 appendRow(pending.row, pending.source, verdict.reason, verdict.event);
@@ -314,10 +309,11 @@ void ConvertRun::appendEvent(std::string& out, const LineJudge::Verdict& verdict
     // places its fields put them.
     const LogConverter::ParseResult& record = verdict.record;
     const std::string& event = verdict.event;
-    const std::size_t eventStart = record.timestamp.size() + CONTAINER_MARKER.size() +
-                                   record.containerId.size() + EVENT_MARKER.size();
-    const std::size_t eventEnd = event.find(PATH_MARKER, eventStart);
-    const std::size_t statusStart = event.rfind(STATUS_MARKER) + STATUS_MARKER.size();
+    const std::size_t eventStart = record.timestamp.size() + EventLine::CONTAINER_MARKER.size() +
+                                   record.containerId.size() + EventLine::EVENT_MARKER.size();
+    const std::size_t eventEnd = event.find(EventLine::PATH_MARKER, eventStart);
+    const std::size_t statusStart =
+        event.rfind(EventLine::STATUS_MARKER) + EventLine::STATUS_MARKER.size();
     const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp(line);
 
     out += "{\"time\":";
@@ -360,7 +356,9 @@ void ConvertRun::reconcile() {
         }
         LineSource source(input, 0, 1, true);
         const bool complete = source.run([this, &key](const LineSource::Line& line) {
-            if (EventKey::fromEventLine(std::string_view(line.text, line.length), key)) {
+            EventLine::Fields fields;
+            if (EventLine::parse(std::string_view(line.text, line.length), fields)) {
+                key = EventLine::key(fields);
                 const auto found = candidates_.find(key);
                 if (found != candidates_.end()) {
                     found->second = true;

@@ -1,0 +1,50 @@
+#pragma once
+// One line of the event log: how it is composed, and how any reader of the
+// log (the companion's reconcile, the collector's loader) finds its fields
+// again. Fields are found by anchors, never by splitting on commas, since a
+// container id or a path may hold commas, blanks and "=" of its own.
+
+#include <array>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+class EventLine {
+public:
+    // "%b %d %H:%M:%S": the time text that opens every event line.
+    static constexpr std::size_t TIME_LENGTH = 15;
+    static constexpr std::string_view CONTAINER_MARKER = ",container_id=";
+    static constexpr std::string_view EVENT_MARKER = ",Event=";
+    static constexpr std::string_view PATH_MARKER = ",path=";
+    static constexpr std::string_view STATUS_MARKER = ",status=";
+    static constexpr std::array<std::string_view, 3> EVENT_WORDS = {"exectl", "filectl", "netctl"};
+    static constexpr std::array<std::string_view, 2> STATUS_WORDS = {"enforcing", "permissive"};
+    // Joins the parts of the record key; the service's duplicate rule compares
+    // these keys, and reconcile matches on them.
+    static constexpr char KEY_SEPARATOR = '|';
+
+    // A line's parts; each view points into the line it was read from.
+    struct Fields {
+        std::string_view time;
+        std::string_view containerId;
+        std::string_view event;
+        std::string_view path;
+        std::string_view status;
+    };
+
+    // Appends the event line (without its newline) to `out`.
+    static void compose(std::string& out, std::string_view time, std::string_view containerId,
+                        std::string_view event, std::string_view path, std::string_view status);
+
+    // Reads a line back: the time is its first TIME_LENGTH characters, the
+    // container runs to the first ",Event=<word>,path=", the path to the
+    // status that ends the line. False when the line is not an event line.
+    static bool parse(std::string_view line, Fields& fields);
+
+    // The record key: container, path and time, joined by KEY_SEPARATOR.
+    static std::string key(std::string_view containerId, std::string_view path,
+                           std::string_view time);
+    static std::string key(const Fields& fields) {
+        return key(fields.containerId, fields.path, fields.time);
+    }
+};
