@@ -62,8 +62,6 @@ bool EventLine::parse(std::string_view line, Fields& fields) {
 std::string EventLine::key(std::string_view containerId, std::string_view path,
                            std::string_view time) {
     std::string key;
-    key.reserve(containerId.size() + path.size() + time.size() + 2);
-    key.append(containerId).append(1, KEY_SEPARATOR).append(path).append(1, KEY_SEPARATOR);
-    key.append(time);
+    composeKey(key, containerId, path, time);
     return key;
 }

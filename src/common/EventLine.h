@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -42,9 +43,30 @@ public:
     static bool parse(std::string_view line, Fields& fields);
 
     // The record key: container, path and time, joined by KEY_SEPARATOR.
+    // Composed into `out`, replacing what it held, so that a reused text
+    // (of any string type with resize and data) keeps its room.
+    template <typename Text>
+    static void composeKey(Text& out, std::string_view containerId, std::string_view path,
+                           std::string_view time) {
+        out.resize(containerId.size() + path.size() + time.size() + 2);
+        char* at = out.data();
+        at = copy(at, containerId);
+        *at++ = KEY_SEPARATOR;
+        at = copy(at, path);
+        *at++ = KEY_SEPARATOR;
+        copy(at, time);
+    }
     static std::string key(std::string_view containerId, std::string_view path,
                            std::string_view time);
     static std::string key(const Fields& fields) {
         return key(fields.containerId, fields.path, fields.time);
+    }
+
+private:
+    static char* copy(char* to, std::string_view from) {
+        if (!from.empty()) {
+            std::memcpy(to, from.data(), from.size());
+        }
+        return to + from.size();
     }
 };

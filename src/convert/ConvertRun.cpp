@@ -358,7 +358,7 @@ void ConvertRun::reconcile() {
         const bool complete = source.run([this, &key](const LineSource::Line& line) {
             EventLine::Fields fields;
             if (EventLine::parse(std::string_view(line.text, line.length), fields)) {
-                key = EventLine::key(fields);
+                EventLine::composeKey(key, fields.containerId, fields.path, fields.time);
                 const auto found = candidates_.find(key);
                 if (found != candidates_.end()) {
                     found->second = true;

@@ -62,3 +62,9 @@ TEST(EventLineTest, ComposedKeyMatchesTheServiceKey) {
     EXPECT_EQ(EventLine::key("3f2a9c", "/etc/passwd", "Nov 15 13:10:05"),
               "3f2a9c|/etc/passwd|Nov 15 13:10:05");
 }
+
+TEST(EventLineTest, ComposedKeyReplacesWhatTheTextHeld) {
+    std::string key = "an older and much longer key that must not survive";
+    EventLine::composeKey(key, "c", "", "Nov 15 13:10:05");
+    EXPECT_EQ(key, "c||Nov 15 13:10:05");
+}
