@@ -34,9 +34,12 @@ constexpr uint32_t STATUS_INTERVAL_TICKS = 30;
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    // One heap for both threads: glibc trims the top of a thread's own heap
-    // only past its trim threshold, so the memory the reader gives back after a
-    // load (LogReader::pollOnce) would otherwise partly stay with the service.
+    // One heap for all threads, so that the reader's trim after a load
+    // (LogReader::returnMemoryAfterLoad) can shrink the heap its buffers came
+    // from: malloc_trim shrinks the main heap's top, not a thread's own heap.
+    // Set here, before any thread exists, because it binds the whole process:
+    // the reader lives in the library that the companion and the tests link,
+    // and must not change their allocator behind their back.
     mallopt(M_ARENA_MAX, 1);  // NOLINT(cert-err33-c)
     // The previous dispositions are not kept: nothing ever restores them.
     signal(SIGINT, signalHandler);   // NOLINT(cert-err33-c)

@@ -381,7 +381,8 @@ void LogReader::returnMemoryAfterLoad(int64_t bytesRead) {
     }
     // The allocator keeps a freed read buffer for the next poll, which spares
     // page faults while the load lasts; the first poll that finds nothing new
-    // after a large read hands that memory back, once.
+    // after a large read hands that memory back, once. The service runs every
+    // thread on one heap (its entry point sets that), so the trim reaches it.
     if (largestRecentRead_ >= LARGE_READ_BYTES) {
         malloc_trim(0);
         largestRecentRead_ = 0;
