@@ -4,11 +4,24 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iostream>
+
+namespace {
+
+constexpr int64_t NANOSECONDS_PER_SECOND = 1000000000;
+constexpr int64_t NANOSECONDS_PER_MILLISECOND = 1000000;
+constexpr int64_t MILLISECONDS_PER_SECOND = 1000;
+// Both larger than the longest text their formats produce.
+constexpr std::size_t DATE_TIME_CAPACITY = 64;
+constexpr std::size_t TIMESTAMP_CAPACITY = 80;
+
+}  // namespace
 
 Logger& Logger::getInstance() {
     static Logger instance;
@@ -23,7 +36,7 @@ Logger::~Logger() {
 
 void Logger::init(const std::string& logFilePath, bool debug) {
     logFilePath_ = logFilePath;
-    debugEnabled_ = debug;
+    debugEnabled_.store(debug, std::memory_order_relaxed);
 
     const std::string::size_type slash = logFilePath.rfind('/');
     if (slash != std::string::npos) {
@@ -73,7 +86,9 @@ void Logger::init(const std::string& logFilePath, bool debug) {
 
 void Logger::log(Level level, const std::string& message) {
     // Checked before the lock so that a disabled DEBUG call costs one comparison.
-    if (level == DEBUG && !debugEnabled_) {
+    // Relaxed: the switch guards no other data, and a line that races with a
+    // change may fall on either side of it.
+    if (level == DEBUG && !debugEnabled_.load(std::memory_order_relaxed)) {
         return;
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -107,7 +122,7 @@ void Logger::log(Level level, const std::string& message) {
 
 void Logger::setDebugMode(bool enabled) {
     std::lock_guard<std::mutex> lock(mutex_);
-    debugEnabled_ = enabled;
+    debugEnabled_.store(enabled, std::memory_order_relaxed);
     if (initialized_) {
         const std::string line = "[" + getCurrentTimestamp() + "] [INFO] " +
                                  "Debug mode changed to: " + (enabled ? "enabled" : "disabled");
@@ -154,15 +169,15 @@ std::string Logger::getCurrentTimestamp() {
 }
 
 std::string Logger::formatTimestamp(int64_t nanosecondsSinceEpoch) {
-    const time_t seconds = static_cast<time_t>(nanosecondsSinceEpoch / 1000000000);
+    const time_t seconds = static_cast<time_t>(nanosecondsSinceEpoch / NANOSECONDS_PER_SECOND);
     struct tm local {};
     localtime_r(&seconds, &local);
-    char dateTime[64];
-    // Both buffers are larger than the longest text their formats produce.
+    char dateTime[DATE_TIME_CAPACITY];
     // NOLINTNEXTLINE(cert-err33-c)
     std::strftime(dateTime, sizeof(dateTime), "%Y-%m-%d %H:%M:%S", &local);
-    const long milliseconds = static_cast<long>((nanosecondsSinceEpoch / 1000000) % 1000);
-    char result[80];
+    const long milliseconds = static_cast<long>(
+        (nanosecondsSinceEpoch / NANOSECONDS_PER_MILLISECOND) % MILLISECONDS_PER_SECOND);
+    char result[TIMESTAMP_CAPACITY];
     // NOLINTNEXTLINE(cert-err33-c)
     std::snprintf(result, sizeof(result), "%s.%03ld", dateTime, milliseconds);
     return result;

@@ -2,6 +2,7 @@
 // Process-wide diagnostic logger: timestamped, levelled lines to the service's
 // own log file, errors echoed to standard error. Every subsystem reports here.
 
+#include <atomic>
 #include <cstdint>
 #include <fstream>
 #include <mutex>
@@ -44,7 +45,9 @@ private:
     std::string logFilePath_;
     std::ofstream logFile_;
     std::mutex mutex_;
-    bool debugEnabled_ = false;
+    // Atomic: log reads it without the lock, so that a dropped DEBUG line
+    // costs one load.
+    std::atomic<bool> debugEnabled_{false};
     bool initialized_ = false;
     Capture capture_ = nullptr;
     void* captureContext_ = nullptr;

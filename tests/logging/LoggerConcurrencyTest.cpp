@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <map>
 #include <string>
@@ -131,6 +132,46 @@ TEST(LoggerConcurrencyTest, DebugLinesFromAnotherThreadAreDroppedWhileEightThrea
     debugThread.join();
 
     expectWholeLinesInThreadOrder(withoutHeader(readLines(dir.file("diag.log"))), "WARN");
+}
+
+// The DEBUG filter reads the switch without the lock while another thread
+// changes it; under ThreadSanitizer this is the test that would report a race.
+TEST(LoggerConcurrencyTest, DebugSwitchChangedWhileAnotherThreadLogsDebugLines) {
+    TempDir dir;
+    initLogger(dir.file("diag.log"), false);
+
+    ::testing::internal::CaptureStdout();
+    std::atomic<bool> done{false};
+    std::thread debugThread([&done] {
+        for (int i = 0; i < THREADS * LINES_PER_THREAD; ++i) {
+            Logger::getInstance().log(Logger::DEBUG, "traced");
+        }
+        done.store(true);
+    });
+    // On, off, on, ... for as long as the other thread logs, ending with off.
+    int switches = 0;
+    while (!done.load() || switches % 2 != 0) {
+        Logger::getInstance().setDebugMode(switches % 2 == 0);
+        ++switches;
+    }
+    debugThread.join();
+    Logger::getInstance().log(Logger::DEBUG, "after the last switch");
+    ::testing::internal::GetCapturedStdout();
+
+    int changes = 0;
+    for (const std::string& line : withoutHeader(readLines(dir.file("diag.log")))) {
+        std::string rest;
+        ASSERT_TRUE(splitTimestamp(line, rest)) << line;
+        if (rest == "[DEBUG] traced") {
+            continue;
+        }
+        ASSERT_TRUE(rest == "[INFO] Debug mode changed to: enabled" ||
+                    rest == "[INFO] Debug mode changed to: disabled")
+            << line;
+        ++changes;
+    }
+    EXPECT_EQ(switches, changes);
+    EXPECT_FALSE(containsSubstring(readLines(dir.file("diag.log")), "after the last switch"));
 }
 
 }  // namespace
