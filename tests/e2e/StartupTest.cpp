@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -105,205 +106,215 @@ TEST_F(StartupTest, NoConfigurationAndNoArgumentsPrintTheDefaultConsoleBlock) {
     EXPECT_EQ(0, runner_.stop());
 }
 
-TEST_F(StartupTest, ConfigurationFileSettingAllThreeKeysIsLoadedAndApplied) {
-    runner_.writeConfig(
-        "input_log=/var/log/custom_audit.log\n"
-        "output_log=/var/log/custom_events.log\n"
-        "debug=true\n");
-    writeFile(runner_.varLog("custom_audit.log"), "");
+// One way of settling the configuration and the console block it must print.
+struct ConsoleCase {
+    const char* name;
+    const char* config;  // the configuration file's text; nullptr: no file
+    std::vector<std::string> args;
+    // An input file under /var/log to create, so that the service follows it
+    // at once; nullptr: the default input.
+    const char* input;
+    const char* consoleBlock;  // the first six console lines
+    std::vector<std::string> logged;
+    std::vector<std::string> notLogged;
+};
 
+// Names the case in gtest's messages instead of dumping its bytes.
+void PrintTo(const ConsoleCase& example, std::ostream* out) { *out << example.name; }
+
+const ConsoleCase CONSOLE_CASES[] = {
+    {"ConfigurationFileSettingAllThreeKeysIsLoadedAndApplied",
+     "input_log=/var/log/custom_audit.log\n"
+     "output_log=/var/log/custom_events.log\n"
+     "debug=true\n",
+     {},
+     "custom_audit.log",
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/custom_audit.log\n"
+     "  Output: /var/log/custom_events.log\n"
+     "  Debug:  yes\n",
+     {"[INFO] Input: /var/log/custom_audit.log", "[INFO] Output: /var/log/custom_events.log",
+      "[INFO] Debug mode: enabled", "[INFO] Monitor thread started for /var/log/custom_audit.log"},
+     {}},
+    {"EmptyConfigurationFileIsReportedAsLoaded",
+     "",
+     {},
+     nullptr,
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/qirn_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  no\n",
+     {},
+     {}},
+    {"OneArgumentChangesOnlyTheInputPathKeepingTheConfiguredOutput",
+     "output_log=/var/log/configured_events.log\n",
+     {"/var/log/argument_audit.log"},
+     "argument_audit.log",
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/argument_audit.log\n"
+     "  Output: /var/log/configured_events.log\n"
+     "  Debug:  no\n",
+     {},
+     {}},
+    {"OneArgumentChangesOnlyTheInputPathKeepingTheDefaultOutput",
+     nullptr,
+     {"/var/log/argument_audit.log"},
+     "argument_audit.log",
+     "Starting QIRN Log Converter...\n"
+     "Using default configuration\n"
+     "Config:\n"
+     "  Input:  /var/log/argument_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  no\n",
+     {},
+     {}},
+    {"TwoArgumentsSetInputAndOutputAndKeepTheConfiguredDebug",
+     "input_log=/var/log/configured_audit.log\n"
+     "output_log=/var/log/configured_events.log\n"
+     "debug=true\n",
+     {"/var/log/argument_audit.log", "/var/log/argument_events.log"},
+     "argument_audit.log",
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/argument_audit.log\n"
+     "  Output: /var/log/argument_events.log\n"
+     "  Debug:  yes\n",
+     {},
+     {}},
+    {"ThirdArgumentDebugSwitchesDebugOnAgainstTheFile",
+     "debug=no\n",
+     {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "debug"},
+     nullptr,
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/qirn_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  yes\n",
+     {"[INFO] Debug mode: enabled"},
+     {}},
+    {"ThirdArgumentUpperCaseDebugSwitchesOffTheDebugThatTheFileSwitchedOn",
+     "debug=true\n",
+     {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "DEBUG"},
+     nullptr,
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/qirn_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  no\n",
+     {"[INFO] Debug mode: disabled"},
+     {"[INFO] Debug mode: enabled"}},
+    {"ThirdArgumentOneSwitchesOffTheDebugThatTheFileSwitchedOn",
+     "debug=true\n",
+     {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "1"},
+     nullptr,
+     "Starting QIRN Log Converter...\n"
+     "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
+     "Config:\n"
+     "  Input:  /var/log/qirn_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  no\n",
+     {"[INFO] Debug mode: disabled"},
+     {"[INFO] Debug mode: enabled"}},
+    {"FourthArgumentIsIgnored",
+     nullptr,
+     {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "debug", "extra"},
+     nullptr,
+     "Starting QIRN Log Converter...\n"
+     "Using default configuration\n"
+     "Config:\n"
+     "  Input:  /var/log/qirn_audit.log\n"
+     "  Output: /var/log/zarvo_container.log\n"
+     "  Debug:  yes\n",
+     {},
+     {}},
+};
+
+class StartupConsoleTest : public StartupTest, public ::testing::WithParamInterface<ConsoleCase> {};
+
+TEST_P(StartupConsoleTest, ShowsTheSettledConfiguration) {
+    const ConsoleCase& example = GetParam();
+    if (example.config != nullptr) {
+        runner_.writeConfig(example.config);
+    }
+    if (example.input != nullptr) {
+        writeFile(runner_.varLog(example.input), "");
+    }
+    ServiceOptions options;
+    options.args = example.args;
+
+    startService(options);
+
+    EXPECT_EQ(example.consoleBlock, consoleConfigBlock());
+    for (const std::string& message : example.logged) {
+        // Polled: the monitor thread's lines may follow the console's last line.
+        EXPECT_TRUE(
+            waitUntil([&] { return containsLine(runner_.diagMessages(), message); }, seconds(10)))
+            << message;
+    }
+    for (const std::string& message : example.notLogged) {
+        EXPECT_FALSE(containsLine(runner_.diagMessages(), message)) << message;
+    }
+    EXPECT_EQ(0, runner_.stop());
+}
+
+INSTANTIATE_TEST_SUITE_P(Startup, StartupConsoleTest, ::testing::ValuesIn(CONSOLE_CASES),
+                         [](const ::testing::TestParamInfo<ConsoleCase>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// A shutdown signal and what the service prints and logs for it.
+struct SignalCase {
+    const char* name;
+    int signum;
+    const char* consoleAfterStartup;
+    const char* receivedMessage;
+};
+
+// Names the case in gtest's messages instead of dumping its bytes.
+void PrintTo(const SignalCase& example, std::ostream* out) { *out << example.name; }
+
+const SignalCase SIGNAL_CASES[] = {
+    {"Sigterm", SIGTERM,
+     "\nReceived signal 15, shutting down...\n"
+     "\nShutdown complete. Total processed lines: 0\n",
+     "[INFO] Received signal 15, shutting down..."},
+    {"Sigint", SIGINT,
+     "\nReceived signal 2, shutting down...\n"
+     "\nShutdown complete. Total processed lines: 0\n",
+     "[INFO] Received signal 2, shutting down..."},
+};
+
+class StartupSignalTest : public StartupTest, public ::testing::WithParamInterface<SignalCase> {};
+
+TEST_P(StartupSignalTest, PrintsReceivedSignalAndShutdownCompleteAndExitsZero) {
     startService();
 
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/custom_audit.log\n"
-        "  Output: /var/log/custom_events.log\n"
-        "  Debug:  yes\n",
-        consoleConfigBlock());
-    const auto messages = runner_.diagMessages();
-    EXPECT_TRUE(containsLine(messages, "[INFO] Input: /var/log/custom_audit.log"));
-    EXPECT_TRUE(containsLine(messages, "[INFO] Output: /var/log/custom_events.log"));
-    EXPECT_TRUE(containsLine(messages, "[INFO] Debug mode: enabled"));
-    EXPECT_TRUE(
-        runner_.waitForDiag("Monitor thread started for /var/log/custom_audit.log", seconds(10)));
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, EmptyConfigurationFileIsReportedAsLoaded) {
-    runner_.writeConfig("");
-
-    startService();
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  no\n",
-        consoleConfigBlock());
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, OneArgumentChangesOnlyTheInputPathKeepingTheConfiguredOutput) {
-    runner_.writeConfig("output_log=/var/log/configured_events.log\n");
-    writeFile(runner_.varLog("argument_audit.log"), "");
-    ServiceOptions options;
-    options.args = {"/var/log/argument_audit.log"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/argument_audit.log\n"
-        "  Output: /var/log/configured_events.log\n"
-        "  Debug:  no\n",
-        consoleConfigBlock());
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, OneArgumentChangesOnlyTheInputPathKeepingTheDefaultOutput) {
-    writeFile(runner_.varLog("argument_audit.log"), "");
-    ServiceOptions options;
-    options.args = {"/var/log/argument_audit.log"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Using default configuration\n"
-        "Config:\n"
-        "  Input:  /var/log/argument_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  no\n",
-        consoleConfigBlock());
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, TwoArgumentsSetInputAndOutputAndKeepTheConfiguredDebug) {
-    runner_.writeConfig(
-        "input_log=/var/log/configured_audit.log\n"
-        "output_log=/var/log/configured_events.log\n"
-        "debug=true\n");
-    writeFile(runner_.varLog("argument_audit.log"), "");
-    ServiceOptions options;
-    options.args = {"/var/log/argument_audit.log", "/var/log/argument_events.log"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/argument_audit.log\n"
-        "  Output: /var/log/argument_events.log\n"
-        "  Debug:  yes\n",
-        consoleConfigBlock());
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, ThirdArgumentDebugSwitchesDebugOnAgainstTheFile) {
-    runner_.writeConfig("debug=no\n");
-    ServiceOptions options;
-    options.args = {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "debug"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  yes\n",
-        consoleConfigBlock());
-    EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Debug mode: enabled"));
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, ThirdArgumentUpperCaseDebugSwitchesOffTheDebugThatTheFileSwitchedOn) {
-    runner_.writeConfig("debug=true\n");
-    ServiceOptions options;
-    options.args = {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "DEBUG"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  no\n",
-        consoleConfigBlock());
-    EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Debug mode: disabled"));
-    EXPECT_FALSE(containsLine(runner_.diagMessages(), "[INFO] Debug mode: enabled"));
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, ThirdArgumentOneSwitchesOffTheDebugThatTheFileSwitchedOn) {
-    runner_.writeConfig("debug=true\n");
-    ServiceOptions options;
-    options.args = {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "1"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Loaded configuration from /etc/qirn/qirn-log-converter.conf\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  no\n",
-        consoleConfigBlock());
-    EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Debug mode: disabled"));
-    EXPECT_FALSE(containsLine(runner_.diagMessages(), "[INFO] Debug mode: enabled"));
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, FourthArgumentIsIgnored) {
-    ServiceOptions options;
-    options.args = {"/var/log/qirn_audit.log", "/var/log/zarvo_container.log", "debug", "extra"};
-
-    startService(options);
-
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Using default configuration\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  yes\n",
-        consoleConfigBlock());
-    EXPECT_EQ(0, runner_.stop());
-}
-
-TEST_F(StartupTest, SigtermPrintsReceivedSignalAndShutdownComplete) {
-    startService();
-
-    runner_.sendSignal(SIGTERM);
+    runner_.sendSignal(GetParam().signum);
     int code = -1;
     ASSERT_TRUE(runner_.waitForExit(seconds(10), &code));
 
-    EXPECT_EQ(
-        "\nReceived signal 15, shutting down...\n"
-        "\nShutdown complete. Total processed lines: 0\n",
-        textAfter(runner_.stdoutText(), SCOPE_LINE));
+    EXPECT_EQ(0, code);
+    EXPECT_EQ(GetParam().consoleAfterStartup, textAfter(runner_.stdoutText(), SCOPE_LINE));
     EXPECT_EQ("", runner_.stderrText());
 }
 
-TEST_F(StartupTest, SigtermLogsHandlerLinesThenShutdownReport) {
+TEST_P(StartupSignalTest, LogsHandlerLinesThenShutdownReport) {
     startService();
 
-    runner_.sendSignal(SIGTERM);
+    runner_.sendSignal(GetParam().signum);
     ASSERT_TRUE(runner_.waitForExit(seconds(10), nullptr));
 
     const auto messages = runner_.diagMessages();
-    const long received = indexOf(messages, "[INFO] Received signal 15, shutting down...");
+    const long received = indexOf(messages, GetParam().receivedMessage);
     const long handlerTotal = indexOf(messages, "[INFO] Total processed lines: 0");
     const long banner =
         indexOf(messages, "[INFO] ========== Shutting down log converter ==========");
@@ -314,11 +325,10 @@ TEST_F(StartupTest, SigtermLogsHandlerLinesThenShutdownReport) {
     EXPECT_LT(banner, mainTotal);
 }
 
-TEST_F(StartupTest, SigtermEndsWithExitStatusZero) {
-    startService();
-
-    EXPECT_EQ(0, runner_.stop());
-}
+INSTANTIATE_TEST_SUITE_P(Startup, StartupSignalTest, ::testing::ValuesIn(SIGNAL_CASES),
+                         [](const ::testing::TestParamInfo<SignalCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 TEST_F(StartupTest, SigtermWithinTheFirst29SecondsLogsNoStatusLine) {
     const auto started = std::chrono::steady_clock::now();
@@ -331,45 +341,35 @@ TEST_F(StartupTest, SigtermWithinTheFirst29SecondsLogsNoStatusLine) {
     EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Total lines processed: 0"));
 }
 
-TEST_F(StartupTest, SigintPrintsReceivedSignalAndShutdownCompleteAndExitsZero) {
-    startService();
+// A start-up that must fail before the logger exists.
+struct FailureCase {
+    const char* name;
+    bool hideVarLog;
+    bool readOnlyVarLog;
+    const char* stderrText;
+};
 
-    runner_.sendSignal(SIGINT);
-    int code = -1;
-    ASSERT_TRUE(runner_.waitForExit(seconds(10), &code));
+// Names the case in gtest's messages instead of dumping its bytes.
+void PrintTo(const FailureCase& example, std::ostream* out) { *out << example.name; }
 
-    EXPECT_EQ(0, code);
-    EXPECT_EQ(
-        "\nReceived signal 2, shutting down...\n"
-        "\nShutdown complete. Total processed lines: 0\n",
-        textAfter(runner_.stdoutText(), SCOPE_LINE));
-}
+const FailureCase FAILURE_CASES[] = {
+    {"MissingVarLogExitsWithStatusOneAndOnlyTheErrorLine", true, false,
+     "ERROR: Log directory /var/log does not exist!\n"},
+    {"UnwritableDiagnosticLogExitsWithStatusOneAndAPermissionHint", false, true,
+     "ERROR: Cannot write to log file: /var/log/qirn-log-converter.log\n"
+     "Please check permissions or run as root.\n"},
+};
 
-TEST_F(StartupTest, SigintLogsHandlerLinesThenShutdownReport) {
-    startService();
+class StartupFailureTest : public StartupTest, public ::testing::WithParamInterface<FailureCase> {};
 
-    runner_.sendSignal(SIGINT);
-    ASSERT_TRUE(runner_.waitForExit(seconds(10), nullptr));
-
-    const auto messages = runner_.diagMessages();
-    const long received = indexOf(messages, "[INFO] Received signal 2, shutting down...");
-    const long handlerTotal = indexOf(messages, "[INFO] Total processed lines: 0");
-    const long banner =
-        indexOf(messages, "[INFO] ========== Shutting down log converter ==========");
-    const long mainTotal = indexOf(messages, "[INFO] Total lines processed: 0");
-    EXPECT_NE(-1, received);
-    EXPECT_LT(received, handlerTotal);
-    EXPECT_LT(handlerTotal, banner);
-    EXPECT_LT(banner, mainTotal);
-}
-
-TEST_F(StartupTest, MissingVarLogExitsWithStatusOneAndOnlyTheErrorLine) {
+TEST_P(StartupFailureTest, ExitsWithStatusOneBeforeTheLoggerExists) {
     ServiceOptions options;
-    options.hideVarLog = true;
+    options.hideVarLog = GetParam().hideVarLog;
+    options.readOnlyVarLog = GetParam().readOnlyVarLog;
 
     EXPECT_EQ(1, startAndWaitForFailure(options));
 
-    EXPECT_EQ("ERROR: Log directory /var/log does not exist!\n", runner_.stderrText());
+    EXPECT_EQ(GetParam().stderrText, runner_.stderrText());
     // The logger is never initialised, so nothing follows the configuration block.
     EXPECT_EQ(
         "Starting QIRN Log Converter...\n"
@@ -382,26 +382,10 @@ TEST_F(StartupTest, MissingVarLogExitsWithStatusOneAndOnlyTheErrorLine) {
     EXPECT_FALSE(fileExists(runner_.diagPath()));
 }
 
-TEST_F(StartupTest, UnwritableDiagnosticLogExitsWithStatusOneAndAPermissionHint) {
-    ServiceOptions options;
-    options.readOnlyVarLog = true;
-
-    EXPECT_EQ(1, startAndWaitForFailure(options));
-
-    EXPECT_EQ(
-        "ERROR: Cannot write to log file: /var/log/qirn-log-converter.log\n"
-        "Please check permissions or run as root.\n",
-        runner_.stderrText());
-    EXPECT_EQ(
-        "Starting QIRN Log Converter...\n"
-        "Using default configuration\n"
-        "Config:\n"
-        "  Input:  /var/log/qirn_audit.log\n"
-        "  Output: /var/log/zarvo_container.log\n"
-        "  Debug:  no\n",
-        runner_.stdoutText());
-    EXPECT_FALSE(fileExists(runner_.diagPath()));
-}
+INSTANTIATE_TEST_SUITE_P(Startup, StartupFailureTest, ::testing::ValuesIn(FAILURE_CASES),
+                         [](const ::testing::TestParamInfo<FailureCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 TEST_F(StartupTest, HeaderAndStartBannerAreTheFirstLinesInOrderAndFormat) {
     startService();
