@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <map>
 #include <string>
 #include <thread>
@@ -137,23 +138,25 @@ TEST(LoggerConcurrencyTest, DebugLinesFromAnotherThreadAreDroppedWhileEightThrea
 // The DEBUG filter reads the switch without the lock while another thread
 // changes it; under ThreadSanitizer this is the test that would report a race.
 TEST(LoggerConcurrencyTest, DebugSwitchChangedWhileAnotherThreadLogsDebugLines) {
+    constexpr int SWITCHES = 200;
     TempDir dir;
     initLogger(dir.file("diag.log"), false);
 
     ::testing::internal::CaptureStdout();
-    std::atomic<bool> done{false};
-    std::thread debugThread([&done] {
-        for (int i = 0; i < THREADS * LINES_PER_THREAD; ++i) {
+    std::atomic<bool> started{false};
+    std::atomic<bool> stop{false};
+    std::thread debugThread([&started, &stop] {
+        started.store(true);
+        while (!stop.load()) {
             Logger::getInstance().log(Logger::DEBUG, "traced");
         }
-        done.store(true);
     });
-    // On, off, on, ... for as long as the other thread logs, ending with off.
-    int switches = 0;
-    while (!done.load() || switches % 2 != 0) {
-        Logger::getInstance().setDebugMode(switches % 2 == 0);
-        ++switches;
+    EXPECT_TRUE(waitUntil([&started] { return started.load(); }, std::chrono::seconds(10)));
+    // On, off, on, ... while the other thread logs, ending with off.
+    for (int i = 0; i < SWITCHES; ++i) {
+        Logger::getInstance().setDebugMode(i % 2 == 0);
     }
+    stop.store(true);
     debugThread.join();
     Logger::getInstance().log(Logger::DEBUG, "after the last switch");
     ::testing::internal::GetCapturedStdout();
@@ -170,7 +173,7 @@ TEST(LoggerConcurrencyTest, DebugSwitchChangedWhileAnotherThreadLogsDebugLines) 
             << line;
         ++changes;
     }
-    EXPECT_EQ(switches, changes);
+    EXPECT_EQ(SWITCHES, changes);
     EXPECT_FALSE(containsSubstring(readLines(dir.file("diag.log")), "after the last switch"));
 }
 
