@@ -4,11 +4,9 @@
 // event (suppressed), and a mix of 90% rejected lines and 10% new events.
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,6 +14,7 @@
 
 #include "app/Pipeline.h"
 #include "logging/Logger.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -47,23 +46,13 @@ std::string avcLine(int64_t seconds, int serial) {
 class Workspace {
 public:
     Workspace() {
-        char pattern[] = "/tmp/qlc-pipeline-bench-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        dir_ = pattern;
         setenv("TZ", "Europe/Berlin", 1);
-        Logger::getInstance().init(dir_ + "/diag.log", false);
+        Logger::getInstance().init(dir_.file("diag.log"), false);
     }
-    ~Workspace() {
-        unlink((dir_ + "/events.log").c_str());
-        unlink((dir_ + "/diag.log").c_str());
-        rmdir(dir_.c_str());
-    }
-    std::string output() const { return dir_ + "/events.log"; }
+    std::string output() const { return dir_.file("events.log"); }
 
 private:
-    std::string dir_;
+    testing_support::TempDir dir_;
 };
 
 Workspace& workspace() {

@@ -18,6 +18,7 @@
 
 #include "logging/Logger.h"
 #include "reader/LogReader.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -53,29 +54,11 @@ std::string makeChunk() {
 // A private directory holding the chunk file and the diagnostic log.
 class Workspace {
 public:
-    Workspace() {
-        char pattern[] = "/tmp/qlc-bench-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        dir_ = pattern;
-        Logger::getInstance().init(dir_ + "/bench.log", false);
-    }
-    ~Workspace() {
-        for (const auto& path : files_) {
-            unlink(path.c_str());
-        }
-        unlink((dir_ + "/bench.log").c_str());
-        rmdir(dir_.c_str());
-    }
-    std::string file(const std::string& name) {
-        files_.push_back(dir_ + "/" + name);
-        return files_.back();
-    }
+    Workspace() { Logger::getInstance().init(dir_.file("bench.log"), false); }
+    std::string file(const std::string& name) const { return dir_.file(name); }
 
 private:
-    std::string dir_;
-    std::vector<std::string> files_;
+    testing_support::TempDir dir_;
 };
 
 Workspace& workspace() {

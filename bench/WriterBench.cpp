@@ -3,16 +3,15 @@
 // without, a bare stat and a bare write of the same bytes.
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <stdexcept>
 #include <string>
 
 #include <benchmark/benchmark.h>
 
 #include "logging/Logger.h"
+#include "support/TempDir.h"
 #include "writer/LogWriter.h"
 
 namespace {
@@ -20,26 +19,14 @@ namespace {
 const std::string LINE =
     "Nov 15 13:10:05,container_id=3f2a9c0b1d2e,Event=filectl,path=/etc/passwd,status=enforcing";
 
+// A private directory for the files and the diagnostic log.
 class Workspace {
 public:
-    Workspace() {
-        char pattern[] = "/tmp/qlc-writer-bench-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        dir_ = pattern;
-        Logger::getInstance().init(dir_ + "/diag.log", false);
-    }
-    ~Workspace() {
-        for (const char* name : {"/events.log", "/bare.log", "/diag.log"}) {
-            unlink((dir_ + name).c_str());
-        }
-        rmdir(dir_.c_str());
-    }
-    std::string file(const char* name) const { return dir_ + name; }
+    Workspace() { Logger::getInstance().init(dir_.file("diag.log"), false); }
+    std::string file(const char* name) const { return dir_.file(name); }
 
 private:
-    std::string dir_;
+    testing_support::TempDir dir_;
 };
 
 Workspace& workspace() {
@@ -48,7 +35,7 @@ Workspace& workspace() {
 }
 
 void BM_WriteLine(benchmark::State& state) {
-    LogWriter writer(workspace().file("/events.log"));
+    LogWriter writer(workspace().file("events.log"));
     for (auto _ : state) {
         benchmark::DoNotOptimize(writer.writeLine(LINE));
     }
@@ -59,7 +46,7 @@ BENCHMARK(BM_WriteLine);
 // The floor of the design's "every line is in the kernel before writeLine
 // returns": one stat of the path and one write of the line with its newline.
 void BM_BareStatAndWrite(benchmark::State& state) {
-    const std::string path = workspace().file("/bare.log");
+    const std::string path = workspace().file("bare.log");
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     const std::string bytes = LINE + "\n";
     for (auto _ : state) {
@@ -73,7 +60,7 @@ void BM_BareStatAndWrite(benchmark::State& state) {
 BENCHMARK(BM_BareStatAndWrite);
 
 void BM_BareWrite(benchmark::State& state) {
-    const std::string path = workspace().file("/bare.log");
+    const std::string path = workspace().file("bare.log");
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     const std::string bytes = LINE + "\n";
     for (auto _ : state) {
@@ -85,7 +72,7 @@ void BM_BareWrite(benchmark::State& state) {
 BENCHMARK(BM_BareWrite);
 
 void BM_BareStat(benchmark::State& state) {
-    const std::string path = workspace().file("/bare.log");
+    const std::string path = workspace().file("bare.log");
     for (auto _ : state) {
         struct stat info {};
         benchmark::DoNotOptimize(stat(path.c_str(), &info));

@@ -7,22 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "support/TempDir.h"
+
 namespace testing_support {
-
-// A fresh directory under /tmp, removed with everything in it on destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
 
 void writeFile(const std::string& path, const std::string& content);
 void appendFile(const std::string& path, const std::string& content);
