@@ -83,6 +83,20 @@ require_private_mounts() {
     rm -rf "$probe"
 }
 
+# Checks the overall exposure level in a `systemd-analyze security` report
+# (the file $1) against the limit $2 and sets `exposure` to it; a level above
+# the limit fails with the items that raised it.
+check_exposure() {
+    local report=$1 limit=$2
+    tail -n 1 "$report"
+    exposure=$(sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p' "$report")
+    [ -n "$exposure" ] || { cat "$report"; fail "no exposure level in the output"; }
+    awk -v e="$exposure" -v limit="$limit" 'BEGIN { exit !(e <= limit) }' || {
+        grep '✗' "$report" || true
+        fail "exposure $exposure is above $limit"
+    }
+}
+
 # Waits up to $1 seconds (decimals allowed) until the command after it succeeds.
 wait_for() {
     local timeout=$1

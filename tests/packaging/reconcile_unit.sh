@@ -41,13 +41,7 @@ systemd-analyze calendar --iterations=2 '*:0/15' >"$SCRATCH/calendar.txt" 2>&1 |
 note "systemd-analyze security --offline=yes (exposure must be 2.0 or lower)"
 systemd-analyze security --offline=yes --no-pager "$unitdir/qirn-log-reconcile.service" \
     >"$SCRATCH/security.txt" 2>&1 || true
-tail -n 1 "$SCRATCH/security.txt"
-exposure=$(sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p' "$SCRATCH/security.txt")
-[ -n "$exposure" ] || { cat "$SCRATCH/security.txt"; fail "no exposure level in the output"; }
-awk -v e="$exposure" 'BEGIN { exit !(e <= 2.0) }' || {
-    grep '✗' "$SCRATCH/security.txt" || true
-    fail "exposure $exposure is above 2.0"
-}
+check_exposure "$SCRATCH/security.txt" 2.0
 
 note "the unit's shell line in a private /var/log and /var/lib"
 require_private_mounts

@@ -38,11 +38,5 @@ fi
 
 note "systemd-analyze security --offline=yes (exposure must be 2.0 or lower)"
 systemd-analyze security --offline=yes --no-pager "$unit" >"$SCRATCH/security.txt" 2>&1 || true
-tail -n 1 "$SCRATCH/security.txt"
-exposure=$(sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p' "$SCRATCH/security.txt")
-[ -n "$exposure" ] || { cat "$SCRATCH/security.txt"; fail "no exposure level in the output"; }
-awk -v e="$exposure" 'BEGIN { exit !(e <= 2.0) }' || {
-    grep '✗' "$SCRATCH/security.txt" || true
-    fail "exposure $exposure is above 2.0"
-}
+check_exposure "$SCRATCH/security.txt" 2.0
 echo "PASS (exposure $exposure)"
