@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -100,18 +101,37 @@ bool LogWriter::writeLine(const std::string& line) {
 bool LogWriter::putLine(const std::string& line) {
     // The bytes of a "%s\n" format: the text up to its first zero byte, then a
     // newline. The unlocked calls skip the stream's own lock, which mutex_
-    // already provides.
+    // already provides. fputs, not fwrite: fwrite counts a line whose bytes
+    // went into the buffer as written even when flushing them failed, so every
+    // failure after the first would pass unseen; fputs reports it, as the
+    // formatted write does.
     const std::size_t length = std::strlen(line.c_str());
-    if (length < LINE_BUFFER_SIZE) {
+    if (length + 1 < LINE_BUFFER_SIZE) {
         // Handed over with its newline in one piece, the line-buffered stream
         // finds the newline at once instead of searching the text for one;
         // the line still leaves in the one write at its newline.
         std::memcpy(lineBuffer_, line.data(), length);
         lineBuffer_[length] = '\n';
-        return fwrite_unlocked(lineBuffer_, 1, length + 1, file_) == length + 1;
+        lineBuffer_[length + 1] = '\0';
+        return fputs_unlocked(lineBuffer_, file_) != EOF;
     }
-    return fwrite_unlocked(line.data(), 1, length, file_) == length &&
-           putc_unlocked('\n', file_) != EOF;
+    if (fputs_unlocked(line.c_str(), file_) == EOF) {
+        return false;
+    }
+    // The formatted write counts what it wrote in an int: past INT_MAX it
+    // fails with EOVERFLOW after the bytes went out.
+    if (length > static_cast<std::size_t>(INT_MAX)) {
+        errno = EOVERFLOW;
+        return false;
+    }
+    if (putc_unlocked('\n', file_) == EOF) {
+        return false;
+    }
+    if (length == static_cast<std::size_t>(INT_MAX)) {
+        errno = EOVERFLOW;
+        return false;
+    }
+    return true;
 }
 
 void LogWriter::flush() {

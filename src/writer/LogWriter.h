@@ -28,9 +28,9 @@ private:
     // or, as closeFile and the destructor do, relies on one writing thread.
     void releaseFile();
 
-    // Lines shorter than this are copied here with their newline. Small
-    // enough for any stream buffer, so that such a line always fits the
-    // stream's buffer whole and leaves in one write.
+    // Lines shorter than this are copied here with their newline and a
+    // terminating zero. Small enough for any stream buffer, so that such a
+    // line always fits the stream's buffer whole and leaves in one write.
     static constexpr std::size_t LINE_BUFFER_SIZE = 512;
 
     // Puts the line and its newline into the stream; false when that failed.

@@ -146,6 +146,20 @@ TEST_F(LineCallbackTest, FailedWriteIsReportedAndNotCounted) {
     EXPECT_EQ(100u, readLines(directory + "/out.log").size());
 }
 
+TEST_F(LineCallbackTest, EveryEventLostToAFullDeviceIsReportedAndNoneCounted) {
+    WriterHolder holder = std::make_unique<LogWriter>("/dev/full");
+    auto callback = makeLineCallback(LogConverter::getInstance(), holder);
+
+    callback(avcLine(BASE_TIME, "c", "/first"));
+    callback(avcLine(BASE_TIME + 1, "c", "/second"));
+    callback(avcLine(BASE_TIME + 2, "c", "/third"));
+
+    EXPECT_EQ(
+        3, countSubstring(messages(), "[ERROR] Failed to write to file: No space left on device"));
+    EXPECT_EQ(3, countSubstring(messages(), "[ERROR] Failed to write to output file"));
+    EXPECT_EQ(0, processedCount.load());
+}
+
 TEST_F(LineCallbackTest, CallbackReachesWhicheverWriterTheHolderOwns) {
     WriterHolder holder = std::make_unique<LogWriter>(dir_.file("first.log"));
     auto callback = makeLineCallback(LogConverter::getInstance(), holder);

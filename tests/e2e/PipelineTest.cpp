@@ -265,6 +265,27 @@ TEST_F(PipelineTest, OutputInAMissingDirectoryIsNotAStartupFailure) {
     EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Total lines processed: 0"));
 }
 
+TEST_F(PipelineTest, EveryEventLostToAFullOutputDeviceIsReported) {
+    ServiceOptions options;
+    options.args = {"/var/log/qirn_audit.log", "/dev/full", "debug"};
+    startService(options);
+    const std::string writeError = "[ERROR] Failed to write to file: No space left on device";
+
+    // Two events and a repeat of the first in one piece; the repeat is
+    // suppressed, so the marker after it is the third line to fail.
+    appendLines(runner_.inputPath(),
+                {avcLine(BASE_TIME, "c", "/1"), avcLine(BASE_TIME + 1, "c", "/2"),
+                 avcLine(BASE_TIME, "c", "/1")});
+    appendLines(runner_.inputPath(), {avcLine(BASE_TIME + 2, "marker", "/m")});
+    ASSERT_TRUE(runner_.waitForDiag(writeError, seconds(10), 3)) << runner_.stderrText();
+
+    const auto messages = runner_.diagMessages();
+    EXPECT_EQ(3, countSubstring(messages, writeError));
+    EXPECT_EQ(3, countSubstring(messages, "[ERROR] Failed to write to output file"));
+    EXPECT_EQ(0, runner_.stop());
+    EXPECT_TRUE(containsLine(runner_.diagMessages(), "[INFO] Total lines processed: 0"));
+}
+
 TEST_F(PipelineTest, InputThatNeverAppearsEndsStartupWithStatusOne) {
     runner_.start();
 

@@ -277,4 +277,58 @@ TEST_F(LogWriterTest, EveryLineIsOnDiskWhenWriteLineReturns) {
     EXPECT_EQ("line 0\nline 1\nline 2\nline 3\nline 4\n", readFile(path));
 }
 
+TEST_F(LogWriterTest, EveryLineToAFullDeviceIsReportedAndLeavesTheExpectedSize) {
+    LogWriter writer("/dev/full");
+    ASSERT_TRUE(LogWriterTestPeer::isOpen(writer));
+    const int64_t size = LogWriterTestPeer::fileSize(writer);
+
+    EXPECT_FALSE(writer.writeLine("first event"));
+    EXPECT_FALSE(writer.writeLine("second event"));
+    EXPECT_FALSE(writer.writeLine("first event"));
+    EXPECT_FALSE(writer.writeLine("third event"));
+
+    EXPECT_EQ(
+        4, countSubstring(messages(), "[ERROR] Failed to write to file: No space left on device"));
+    EXPECT_EQ(size, LogWriterTestPeer::fileSize(writer));
+}
+
+TEST_F(LogWriterTest, FileSystemThatFillsUpReportsEveryLineUntilItIsCleaned) {
+    const PrivateRootResult result = runInPrivateRoot([] {
+        // Two pages, one taken by the filler: the output gets one page.
+        mkdir("/qlc-small", 0755);
+        if (mount("tmpfs", "/qlc-small", "tmpfs", 0, "size=8k,mode=0755") != 0) return 2;
+        writeFile("/qlc-small/filler", std::string(4096, 'f'));
+        initLogger("/qlc-diag.log", false);
+        LogWriter writer("/qlc-small/out.log");
+        const std::string error = "[ERROR] Failed to write to file: No space left on device";
+        const auto errors = [&] {
+            return countSubstring(stripTimestamps(readLines("/qlc-diag.log")), error);
+        };
+
+        int written = 0;
+        while (written < 100 &&
+               writer.writeLine("event " + std::to_string(written) + " " + std::string(100, 'x'))) {
+            ++written;
+        }
+        if (written == 0 || written == 100 || errors() != 1) return 3;
+        const int64_t sizeWhenFull = LogWriterTestPeer::fileSize(writer);
+        for (int i = 1; i <= 3; ++i) {
+            if (writer.writeLine("lost " + std::to_string(i))) return 4;
+            if (errors() != 1 + i) return 5;
+        }
+        if (LogWriterTestPeer::fileSize(writer) != sizeWhenFull) return 6;
+
+        unlink("/qlc-small/filler");
+        if (!writer.writeLine("after cleaning")) return 7;
+        if (LogWriterTestPeer::fileSize(writer) != sizeWhenFull + 15) return 8;
+        const std::string content = readFile("/qlc-small/out.log");
+        if (content.size() < 15 || content.substr(content.size() - 15) != "after cleaning\n") {
+            return 9;
+        }
+        return content.find("lost") == std::string::npos && errors() == 4 ? 0 : 10;
+    });
+
+    EXPECT_EQ(0, result.exitCode) << result.stdoutText << result.stderrText;
+}
+
 }  // namespace
