@@ -37,6 +37,21 @@ public:
     static void compose(std::string& out, std::string_view time, std::string_view containerId,
                         std::string_view event, std::string_view path, std::string_view status);
 
+    // The same line as a text of its own, sized once and then filled, for
+    // the converter, which composes one per event.
+    static std::string composed(std::string_view time, std::string_view containerId,
+                                std::string_view event, std::string_view path,
+                                std::string_view status) {
+        std::string out(time.size() + CONTAINER_MARKER.size() + containerId.size() +
+                            EVENT_MARKER.size() + event.size() + PATH_MARKER.size() + path.size() +
+                            STATUS_MARKER.size() + status.size(),
+                        '\0');
+        char* at = copy(copy(copy(out.data(), time), CONTAINER_MARKER), containerId);
+        at = copy(copy(copy(at, EVENT_MARKER), event), PATH_MARKER);
+        copy(copy(copy(at, path), STATUS_MARKER), status);
+        return out;
+    }
+
     // Reads a line back: the time is its first TIME_LENGTH characters, the
     // container runs to the first ",Event=<word>,path=", the path to the
     // status that ends the line. False when the line is not an event line.
