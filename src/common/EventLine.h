@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -78,10 +79,33 @@ public:
     }
 
 private:
+    // Most pieces are short: two overlapping moves of a fixed size copy them
+    // without a library call.
     static char* copy(char* to, std::string_view from) {
-        if (!from.empty()) {
-            std::memcpy(to, from.data(), from.size());
+        const char* const data = from.data();
+        const std::size_t size = from.size();
+        if (size > 2 * sizeof(std::uint64_t)) {
+            std::memcpy(to, data, size);
+        } else if (size >= sizeof(std::uint64_t)) {
+            moveEnds<std::uint64_t>(to, data, size);
+        } else if (size >= sizeof(std::uint32_t)) {
+            moveEnds<std::uint32_t>(to, data, size);
+        } else {
+            for (std::size_t i = 0; i < size; ++i) {
+                to[i] = data[i];
+            }
         }
-        return to + from.size();
+        return to + size;
+    }
+    // The first and the last sizeof(Word) bytes of a piece of at least that
+    // many and at most twice as many.
+    template <typename Word>
+    static void moveEnds(char* to, const char* from, std::size_t size) {
+        Word head;
+        Word tail;
+        std::memcpy(&head, from, sizeof(Word));
+        std::memcpy(&tail, from + size - sizeof(Word), sizeof(Word));
+        std::memcpy(to, &head, sizeof(Word));
+        std::memcpy(to + size - sizeof(Word), &tail, sizeof(Word));
     }
 };

@@ -133,21 +133,7 @@ std::string ByteScan::lowerCopy(std::string_view text) {
     return lowered;
 }
 
-void ByteScan::assignLoweredWithoutSpace(std::string_view text, std::string& out) {
-    // A short text is built on the stack and copied once, into the room the
-    // string has of its own; every byte is written, only the kept ones move
-    // the end on, so the loop has no branch.
-    constexpr std::size_t SHORT_TEXT = 15;
-    if (text.size() <= SHORT_TEXT) {
-        char buffer[SHORT_TEXT];
-        std::size_t length = 0;
-        for (const char c : text) {
-            buffer[length] = lower(c);
-            length += 1U - TABLES.space[static_cast<unsigned char>(c)];
-        }
-        out.assign(buffer, length);
-        return;
-    }
+void ByteScan::assignLongLoweredWithoutSpace(std::string_view text, std::string& out) {
     out.resize(text.size());
     std::size_t length = 0;
     for (const char c : text) {

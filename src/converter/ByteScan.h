@@ -131,9 +131,27 @@ public:
     }
     static std::string lowerCopy(std::string_view text);
     // `text` lower-cased with its white space left out, into `out`.
-    static void assignLoweredWithoutSpace(std::string_view text, std::string& out);
+    static void assignLoweredWithoutSpace(std::string_view text, std::string& out) {
+        // A short text is built on the stack and copied once, into the room
+        // the string has of its own; every byte is written, only the kept
+        // ones move the end on, so the loop has no branch.
+        constexpr std::size_t SHORT_TEXT = 15;
+        if (text.size() <= SHORT_TEXT) {
+            char buffer[SHORT_TEXT];
+            std::size_t length = 0;
+            for (const char c : text) {
+                buffer[length] = lower(c);
+                length += 1U - TABLES.space[static_cast<unsigned char>(c)];
+            }
+            out.assign(buffer, length);
+            return;
+        }
+        assignLongLoweredWithoutSpace(text, out);
+    }
 
 private:
+    static void assignLongLoweredWithoutSpace(std::string_view text, std::string& out);
+
     static constexpr std::uint64_t ONES = 0x0101010101010101;
     static constexpr std::uint64_t HIGHS = 0x8080808080808080;
     static constexpr std::uint64_t zeroBytes(std::uint64_t word) {

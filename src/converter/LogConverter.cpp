@@ -64,7 +64,7 @@ bool startsWith(std::string_view text, std::string_view prefix) {
 }
 
 // Whether the line opens with "type=" and `type` as a whole value.
-bool opensWithType(std::string_view line, std::string_view type) {
+[[gnu::always_inline]] inline bool opensWithType(std::string_view line, std::string_view type) {
     const std::size_t end = TYPE_MARKER.size() + type.size();
     return line.size() >= end &&
            std::memcmp(line.data(), TYPE_MARKER.data(), TYPE_MARKER.size()) == 0 &&
@@ -77,11 +77,13 @@ bool opensWithType(std::string_view line, std::string_view type) {
 bool findAuditType(std::string_view line, std::string_view& type) {
     // The two handled types at the start of the line, as records carry them,
     // are recognised without a search for the blank.
-    for (const std::string_view handled : {AVC_TYPE, NETCTL_TYPE}) {
-        if (opensWithType(line, handled)) {
-            type = line.substr(TYPE_MARKER.size(), handled.size());
-            return true;
-        }
+    if (opensWithType(line, AVC_TYPE)) {
+        type = line.substr(TYPE_MARKER.size(), AVC_TYPE.size());
+        return true;
+    }
+    if (opensWithType(line, NETCTL_TYPE)) {
+        type = line.substr(TYPE_MARKER.size(), NETCTL_TYPE.size());
+        return true;
     }
     const std::size_t marker = line.find(TYPE_MARKER);
     if (marker == std::string_view::npos) {
@@ -301,8 +303,24 @@ constexpr std::array<OperationWord, 7> OPERATION_WORDS = {{
     {"rename", EventType::FILECTL},
 }};
 
-// For each byte, the words of the table that begin with it: one walk over the
-// operation tries a word only where its first letter stands.
+// No word of the table holds a word of an earlier kind, so an operation that
+// is exactly one of the words, as most are, is of that word's kind.
+constexpr bool exactWordsDecide() {
+    for (std::size_t i = 0; i < OPERATION_WORDS.size(); ++i) {
+        for (std::size_t earlier = 0; earlier < i; ++earlier) {
+            if (OPERATION_WORDS[earlier].event != OPERATION_WORDS[i].event &&
+                OPERATION_WORDS[i].word.find(OPERATION_WORDS[earlier].word) !=
+                    std::string_view::npos) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(exactWordsDecide(), "an exact word settles its operation");
+
+// For each byte, the words of the table that begin with it, and the words of
+// the first kind, which no later word can beat.
 constexpr std::array<std::uint8_t, 256> makeFirstLetters() {
     std::array<std::uint8_t, 256> words{};
     for (std::size_t i = 0; i < OPERATION_WORDS.size(); ++i) {
@@ -312,15 +330,28 @@ constexpr std::array<std::uint8_t, 256> makeFirstLetters() {
     return words;
 }
 constexpr std::array<std::uint8_t, 256> FIRST_LETTERS = makeFirstLetters();
+constexpr unsigned makeFirstKind() {
+    unsigned words = 0;
+    for (std::size_t i = 0; i < OPERATION_WORDS.size(); ++i) {
+        words |= OPERATION_WORDS[i].event == OPERATION_WORDS[0].event ? 1U << i : 0U;
+    }
+    return words;
+}
+constexpr unsigned FIRST_KIND = makeFirstKind();
 
 EventType operationEvent(std::string_view operation) {
+    for (const OperationWord& entry : OPERATION_WORDS) {
+        if (operation == entry.word) {
+            return entry.event;
+        }
+    }
+    // One walk over the operation, each word tried only where its first
+    // letter stands.
     unsigned found = 0;
-    // The first word of the table settles it; any other may yet be beaten.
-    for (std::size_t i = 0; i < operation.size() && (found & 1U) == 0; ++i) {
-        for (unsigned words =
-                 FIRST_LETTERS[static_cast<unsigned char>(ByteScan::lower(operation[i]))];
-             words != 0; words &= words - 1) {
-            const unsigned index = static_cast<unsigned>(__builtin_ctz(words));
+    for (std::size_t i = 0; i < operation.size() && (found & FIRST_KIND) == 0; ++i) {
+        unsigned words = FIRST_LETTERS[static_cast<unsigned char>(ByteScan::lower(operation[i]))];
+        for (; words != 0; words &= words - 1) {
+            const auto index = static_cast<unsigned>(__builtin_ctz(words));
             if (ByteScan::startsWithLowered(operation.substr(i), OPERATION_WORDS[index].word)) {
                 found |= 1U << index;
             }
@@ -352,15 +383,56 @@ std::string_view eventWord(EventType event) { return wordOf(event, EventLine::EV
 std::string_view statusWord(StatusType status) { return wordOf(status, EventLine::STATUS_WORDS); }
 
 // The status of a decision word: the first entry whose part the word
-// contains, compared as if lower-cased.
-struct DecisionPart {
+// contains, compared as if lower-cased. `usual` is the whole word as audit
+// records carry it, which settles the word without a search.
+struct Decision {
     std::string_view part;
+    std::string_view usual;
     StatusType status;
 };
-constexpr std::array<DecisionPart, 2> DECISION_PARTS = {{
-    {"denied", StatusType::ENFORCING},
-    {"detect", StatusType::PERMISSIVE},
+constexpr std::array<Decision, 2> DECISIONS = {{
+    {"denied", "denied", StatusType::ENFORCING},
+    {"detect", "detected", StatusType::PERMISSIVE},
 }};
+
+// Each usual word holds its own part and no earlier one.
+constexpr bool usualWordsDecide() {
+    for (std::size_t i = 0; i < DECISIONS.size(); ++i) {
+        if (DECISIONS[i].usual.find(DECISIONS[i].part) == std::string_view::npos) {
+            return false;
+        }
+        for (std::size_t earlier = 0; earlier < i; ++earlier) {
+            if (DECISIONS[i].usual.find(DECISIONS[earlier].part) != std::string_view::npos) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(usualWordsDecide(), "a usual word settles its decision");
+
+// A blank, tab or colon ends a decision word; a comma does not, so "denied,"
+// still counts as denied.
+bool endsDecisionWord(char c) { return c == ' ' || c == '\t' || c == ':'; }
+
+// The decision word that opens `rest`, and the entry that settles it, if any.
+const Decision* decide(std::string_view rest, std::string_view& word) {
+    for (const Decision& decision : DECISIONS) {
+        const std::size_t size = decision.usual.size();
+        if (startsWith(rest, decision.usual) &&
+            (rest.size() == size || endsDecisionWord(rest[size]))) {
+            word = rest.substr(0, size);
+            return &decision;
+        }
+    }
+    word = rest.substr(0, ByteScan::firstOf<' ', '\t', ':', ':'>(rest, 0));
+    for (const Decision& decision : DECISIONS) {
+        if (ByteScan::containsLowered(word, decision.part)) {
+            return &decision;
+        }
+    }
+    return nullptr;
+}
 
 bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 
@@ -369,12 +441,14 @@ bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 EventType LogConverter::determineEventType(const std::string& type,
                                            const std::string& operation) const {
     EventType event = EventType::UNKNOWN;
-    if (ByteScan::equalsIgnoringCase(type, NETCTL_TYPE)) {
+    // The exact spelling, which the filter passes, is the common case of the
+    // comparison that ignores case.
+    if (type == NETCTL_TYPE || ByteScan::equalsIgnoringCase(type, NETCTL_TYPE)) {
         event = EventType::NETCTL;
         trace(debugMode_, Logger::DEBUG, [&] {
             return "Type is " + std::string(NETCTL_TYPE) + " -> " + std::string(eventWord(event));
         });
-    } else if (ByteScan::equalsIgnoringCase(type, AVC_TYPE)) {
+    } else if (type == AVC_TYPE || ByteScan::equalsIgnoringCase(type, AVC_TYPE)) {
         event = operationEvent(operation);
         trace(debugMode_ && event != EventType::UNKNOWN, Logger::DEBUG, [&] {
             return "Operation is " + wordsOf(event) + " -> " + std::string(eventWord(event));
@@ -401,32 +475,24 @@ StatusType LogConverter::classifyStatus(const std::string& line, Rejection* reje
         trace(debugMode_, Logger::DEBUG, [&] { return "No 'avc:' found in line"; });
         return StatusType::UNKNOWN;
     }
-    // The first word after the marker and its blanks and tabs; a blank, tab
-    // or colon ends it, a comma does not ("denied," still counts as denied).
     std::size_t start = marker + sizeof(STATUS_NEEDLE) - 1;
     while (start < text.size() && isBlankOrTab(text[start])) {
         ++start;
     }
-    std::size_t end = start;
-    while (end < text.size() && !isBlankOrTab(text[end]) && text[end] != ':') {
-        ++end;
-    }
-    const std::string_view word = text.substr(start, end - start);
+    std::string_view word;
+    const Decision* const decision = decide(text.substr(start), word);
     trace(debugMode_, Logger::DEBUG, [&] { return "Extracted status word: " + std::string(word); });
-
-    for (const DecisionPart& decision : DECISION_PARTS) {
-        if (ByteScan::containsLowered(word, decision.part)) {
-            trace(debugMode_, Logger::DEBUG, [&] {
-                return "Status mapping (contains " + std::string(decision.part) +
-                       "): " + ByteScan::lowerCopy(word) + " -> " +
-                       std::string(statusWord(decision.status));
-            });
-            return decision.status;
-        }
+    if (decision != nullptr) {
+        trace(debugMode_, Logger::DEBUG, [&] {
+            return "Status mapping (contains " + std::string(decision->part) +
+                   "): " + ByteScan::lowerCopy(word) + " -> " +
+                   std::string(statusWord(decision->status));
+        });
+        return decision->status;
     }
     const std::string lowered = ByteScan::lowerCopy(word);
-    trace(Logger::ERROR, "Unexpected status word (neither " + std::string(DECISION_PARTS[0].part) +
-                             " nor " + std::string(DECISION_PARTS[1].part) + "): " + lowered +
+    trace(Logger::ERROR, "Unexpected status word (neither " + std::string(DECISIONS[0].part) +
+                             " nor " + std::string(DECISIONS[1].part) + "): " + lowered +
                              " in line: " + line);
     if (rejection != nullptr) {
         rejection->statusWord = lowered;
