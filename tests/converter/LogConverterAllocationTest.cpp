@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "converter/LogConverter.h"
 #include "logging/Logger.h"
 #include "support/AuditLines.h"
@@ -111,21 +112,12 @@ std::size_t allocationsFor(const std::string& line) {
     return allocationCount.load() - before;
 }
 
-class LogConverterAllocationTest : public ::testing::Test {
+class LogConverterAllocationTest : public ConverterFixture {
 protected:
-    void SetUp() override {
-        testing_support::initLogger(logPath_, true);
-        LogConverter::setDebugMode(false);
-        LogConverter::getInstance();
+    void TearDown() override {
+        failingAllocation.store(0);
+        ConverterFixture::TearDown();
     }
-    void TearDown() override { failingAllocation.store(0); }
-
-    std::vector<std::string> diagnostics() const {
-        return testing_support::stripTimestamps(testing_support::readLines(logPath_));
-    }
-
-    testing_support::TempDir dir_;
-    std::string logPath_ = dir_.file("converter.log");
 };
 
 TEST_F(LogConverterAllocationTest, CounterSeesAllocations) {

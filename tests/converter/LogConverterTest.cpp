@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "support/AuditLines.h"
 #include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
@@ -49,34 +50,7 @@ LogConverter::ParseResult makeRecord(const std::string& containerId, const std::
     return record;
 }
 
-class LogConverterTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        testing_support::initLogger(logPath_, true);
-        // The trace switch is process-wide: every test starts with it off.
-        LogConverter::setDebugMode(false);
-        LogConverter::getInstance();
-        markLog();
-    }
-
-    LogConverter& converter() { return LogConverter::getInstance(); }
-
-    // Later assertions see only what was logged after this point, so that set-up
-    // messages are never mistaken for those of the operation under test.
-    void markLog() { logMark_ = readLines(logPath_).size(); }
-
-    std::vector<std::string> diagnostics() const {
-        const std::vector<std::string> lines = stripTimestamps(readLines(logPath_));
-        return std::vector<std::string>(lines.begin() + std::min(logMark_, lines.size()),
-                                        lines.end());
-    }
-    bool logged(const std::string& line) const { return containsLine(diagnostics(), line); }
-
-    testing_support::TempDir dir_;
-    std::string logPath_ = dir_.file("converter.log");
-    ScopedTimeZone utc_{"UTC"};
-    std::size_t logMark_ = 0;
-};
+using LogConverterTest = ConverterFixture;
 
 // Output tests start from an empty duplicate cache even when earlier tests ran
 // in the same process.
