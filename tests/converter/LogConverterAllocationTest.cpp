@@ -168,6 +168,23 @@ TEST_F(LogConverterAllocationTest, ExceptionInParseIsLoggedAndRecordReturnedAsIt
                                               "[ERROR] Exception in parseLine: std::bad_alloc"));
 }
 
+TEST_F(LogConverterAllocationTest, ExceptionInParseIsReasonExceptionWithItsMessage) {
+    const std::string line =
+        "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } "
+        "name=/var/lib/containers/storage/overlay/file container_id=exc2";
+    LogConverter::Reason reason = LogConverter::Reason::NONE;
+    LogConverter::Rejection saw;
+    failingAllocation.store(1);
+
+    const LogConverter::ParseResult result =
+        LogConverter::getInstance().parseLine(line, reason, &saw);
+
+    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_FALSE(result.valid);
+    EXPECT_EQ(LogConverter::Reason::EXCEPTION, reason);
+    EXPECT_EQ("std::bad_alloc", saw.error);
+}
+
 TEST_F(LogConverterAllocationTest, ExceptionAfterSuccessStillReturnsValidRecord) {
     LogConverter::setDebugMode(true);
     const std::string line =
