@@ -16,6 +16,11 @@ public:
     // The bytes a word-at-a-time scan looks at together.
     static constexpr std::size_t WORD = sizeof(std::uint64_t);
 
+    static bool startsWith(std::string_view text, std::string_view prefix) {
+        return text.size() >= prefix.size() &&
+               std::memcmp(text.data(), prefix.data(), prefix.size()) == 0;
+    }
+
     // tolower and isspace of the C locale, which neither program leaves.
     static char lower(char c) { return TABLES.lower[static_cast<unsigned char>(c)]; }
     static bool isSpace(char c) { return TABLES.space[static_cast<unsigned char>(c)] != 0; }

@@ -30,23 +30,10 @@ LogConverter& LogConverter::getInstance() {
 
 void LogConverter::setDebugMode(bool enabled) { debugMode_ = enabled; }
 
-namespace {
-
-// A full cache of keys as audit records carry them, nodes and buckets
-// included, fits here; its pages are touched only when carved.
-constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
-
-}  // namespace
-
 LogConverter::LogConverter()
     : keyBuffer_(new std::byte[KEY_BUFFER_BYTES]), keyArena_(keyBuffer_.get(), KEY_BUFFER_BYTES) {
     reserveCache();
     trace(Logger::INFO, "LogConverter initialized");
-}
-
-LogConverter::~LogConverter() {
-    processedLogs_.clear();
-    fieldCache_.clear();
 }
 
 // ---------------------------------------------------------------------------
@@ -58,11 +45,6 @@ constexpr std::string_view AVC_TYPE = "QIRN_AVC";
 constexpr std::string_view NETCTL_TYPE = "QIRN_NETCTL";
 constexpr std::string_view TYPE_MARKER = LogConverter::TYPE_MARKER;
 
-bool startsWith(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() &&
-           std::memcmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
 // Whether the line opens with "type=" and `type` as a whole value.
 [[gnu::always_inline]] inline bool opensWithType(std::string_view line, std::string_view type) {
     const std::size_t end = TYPE_MARKER.size() + type.size();
@@ -70,6 +52,18 @@ bool startsWith(std::string_view text, std::string_view prefix) {
            std::memcmp(line.data(), TYPE_MARKER.data(), TYPE_MARKER.size()) == 0 &&
            std::memcmp(line.data() + TYPE_MARKER.size(), type.data(), type.size()) == 0 &&
            (line.size() == end || line[end] == ' ');
+}
+
+// From `start` to the next blank or the line's end (a count past it takes the rest).
+std::string_view upToBlank(std::string_view line, std::size_t start) {
+    return line.substr(start, line.find(' ', start) - start);
+}
+
+// Between the double quote at `quote` and the next one; nothing without one.
+std::string_view quotedAt(std::string_view line, std::size_t quote) {
+    const std::size_t closing = line.find('"', quote + 1);
+    return closing == std::string_view::npos ? std::string_view()
+                                             : line.substr(quote + 1, closing - quote - 1);
 }
 
 // The value after the first "type=", up to the next blank; only a blank ends
@@ -89,9 +83,7 @@ bool findAuditType(std::string_view line, std::string_view& type) {
     if (marker == std::string_view::npos) {
         return false;
     }
-    const std::size_t start = marker + TYPE_MARKER.size();
-    const std::size_t end = line.find(' ', start);
-    type = line.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    type = upToBlank(line, marker + TYPE_MARKER.size());
     return true;
 }
 
@@ -150,13 +142,7 @@ std::string_view valueAt(std::string_view line, std::size_t start) {
         return {};
     }
     if (line[start] == '"') {
-        const std::size_t valueStart = start + 1;
-        const std::size_t closing =
-            valueStart < line.size() ? line.find('"', valueStart) : std::string_view::npos;
-        if (closing == std::string_view::npos) {
-            return {};
-        }
-        return line.substr(valueStart, closing - valueStart);
+        return quotedAt(line, start);
     }
     return line.substr(start, ByteScan::firstOf<' ', '\t', ',', ':'>(line, start) - start);
 }
@@ -172,7 +158,7 @@ std::string_view containerIdValue(std::string_view line) {
     // no "c": the search starts after it, past that first underscore.
     constexpr std::string_view OPENING = "type=QIRN_";
     return valueOf<CONTAINER_ID_ANCHOR>(line, CONTAINER_ID_NEEDLE,
-                                        startsWith(line, OPENING) ? OPENING.size() : 0);
+                                        ByteScan::startsWith(line, OPENING) ? OPENING.size() : 0);
 }
 
 // Unlike a field's value, an unquoted name ends only at a blank: commas,
@@ -183,15 +169,7 @@ std::string_view nameValue(std::string_view line) {
     if (marker == std::string_view::npos || start >= line.size()) {
         return {};
     }
-    if (line[start] == '"') {
-        const std::size_t closing = line.find('"', start + 1);
-        if (closing == std::string_view::npos) {
-            return {};
-        }
-        return line.substr(start + 1, closing - start - 1);
-    }
-    const std::size_t end = line.find(' ', start);
-    return line.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    return line[start] == '"' ? quotedAt(line, start) : upToBlank(line, start);
 }
 
 }  // namespace
@@ -202,8 +180,7 @@ std::string LogConverter::extractField(const std::string& line, const std::strin
 
 std::string LogConverter::extractQuotedField(const std::string& line,
                                              const std::string& key) const {
-    // Quotes are already handled by extractField; this stays a separate entry
-    // point because the parser uses it as its second attempt.
+    // The quotes are extractField's; the parser calls this as its second attempt.
     return extractField(line, key);
 }
 
@@ -227,9 +204,8 @@ bool stampSeconds(std::string_view text, long long& seconds) {
     return true;
 }
 
-// Appends the converted time to `out`, which is left empty when the time
-// does not convert. Running out of memory ends the same way, like any other
-// failure of the conversion, rather than in an exception leaving it.
+// Appends the converted time to `out`, left empty when the time does not
+// convert; running out of memory ends the same way, not in an exception.
 void appendConvertedTime(long long seconds, std::string& out) {
     try {
         const std::string_view text = LocalTimeText::of(static_cast<time_t>(seconds));
@@ -287,8 +263,8 @@ std::string extractOperation(std::string_view line) {
     return operation;
 }
 
-// The event kind of an access-vector operation: the first kind in this table
-// one of whose words the operation contains, compared as if lower-cased.
+// The event kind of an access-vector operation: that of the first word of
+// this table the operation contains, compared as if lower-cased.
 struct OperationWord {
     std::string_view word;
     EventType event;
@@ -319,8 +295,7 @@ constexpr bool exactWordsDecide() {
 }
 static_assert(exactWordsDecide(), "an exact word settles its operation");
 
-// For each byte, the words of the table that begin with it, and the words of
-// the first kind, which no later word can beat.
+// For each byte, the words of the table that begin with it.
 constexpr std::array<std::uint8_t, 256> makeFirstLetters() {
     std::array<std::uint8_t, 256> words{};
     for (std::size_t i = 0; i < OPERATION_WORDS.size(); ++i) {
@@ -330,14 +305,6 @@ constexpr std::array<std::uint8_t, 256> makeFirstLetters() {
     return words;
 }
 constexpr std::array<std::uint8_t, 256> FIRST_LETTERS = makeFirstLetters();
-constexpr unsigned makeFirstKind() {
-    unsigned words = 0;
-    for (std::size_t i = 0; i < OPERATION_WORDS.size(); ++i) {
-        words |= OPERATION_WORDS[i].event == OPERATION_WORDS[0].event ? 1U << i : 0U;
-    }
-    return words;
-}
-constexpr unsigned FIRST_KIND = makeFirstKind();
 
 EventType operationEvent(std::string_view operation) {
     for (const OperationWord& entry : OPERATION_WORDS) {
@@ -346,9 +313,9 @@ EventType operationEvent(std::string_view operation) {
         }
     }
     // One walk over the operation, each word tried only where its first
-    // letter stands.
+    // letter stands, until the first word of the table settles it.
     unsigned found = 0;
-    for (std::size_t i = 0; i < operation.size() && (found & FIRST_KIND) == 0; ++i) {
+    for (std::size_t i = 0; i < operation.size() && (found & 1U) == 0; ++i) {
         unsigned words = FIRST_LETTERS[static_cast<unsigned char>(ByteScan::lower(operation[i]))];
         for (; words != 0; words &= words - 1) {
             const auto index = static_cast<unsigned>(__builtin_ctz(words));
@@ -398,11 +365,10 @@ constexpr std::array<Decision, 2> DECISIONS = {{
 // Each usual word holds its own part and no earlier one.
 constexpr bool usualWordsDecide() {
     for (std::size_t i = 0; i < DECISIONS.size(); ++i) {
-        if (DECISIONS[i].usual.find(DECISIONS[i].part) == std::string_view::npos) {
-            return false;
-        }
-        for (std::size_t earlier = 0; earlier < i; ++earlier) {
-            if (DECISIONS[i].usual.find(DECISIONS[earlier].part) != std::string_view::npos) {
+        for (std::size_t part = 0; part <= i; ++part) {
+            const bool holds =
+                DECISIONS[i].usual.find(DECISIONS[part].part) != std::string_view::npos;
+            if (holds != (part == i)) {
                 return false;
             }
         }
@@ -419,13 +385,17 @@ bool endsDecisionWord(char c) { return c == ' ' || c == '\t' || c == ':'; }
 const Decision* decide(std::string_view rest, std::string_view& word) {
     for (const Decision& decision : DECISIONS) {
         const std::size_t size = decision.usual.size();
-        if (startsWith(rest, decision.usual) &&
+        if (ByteScan::startsWith(rest, decision.usual) &&
             (rest.size() == size || endsDecisionWord(rest[size]))) {
             word = rest.substr(0, size);
             return &decision;
         }
     }
-    word = rest.substr(0, ByteScan::firstOf<' ', '\t', ':', ':'>(rest, 0));
+    std::size_t end = 0;
+    while (end < rest.size() && !endsDecisionWord(rest[end])) {
+        ++end;
+    }
+    word = rest.substr(0, end);
     for (const Decision& decision : DECISIONS) {
         if (ByteScan::containsLowered(word, decision.part)) {
             return &decision;
@@ -441,8 +411,7 @@ bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 EventType LogConverter::determineEventType(const std::string& type,
                                            const std::string& operation) const {
     EventType event = EventType::UNKNOWN;
-    // The exact spelling, which the filter passes, is the common case of the
-    // comparison that ignores case.
+    // The exact spelling, which the filter passes, before ignoring case.
     if (type == NETCTL_TYPE || ByteScan::equalsIgnoringCase(type, NETCTL_TYPE)) {
         event = EventType::NETCTL;
         trace(debugMode_, Logger::DEBUG, [&] {
@@ -501,69 +470,48 @@ StatusType LogConverter::classifyStatus(const std::string& line, Rejection* reje
 }
 
 // ---------------------------------------------------------------------------
-// The parse
+// The parse, its steps first: apart for reading only, and inlined into one
+// frame, as a call each measurably costs a matching line.
 
-LogConverter::ParseResult LogConverter::parseLine(const std::string& line, Reason& reason,
-                                                  Rejection* rejection) const {
-    ParseResult result;
-    reason = rejectsAtOnce(line) ? Reason::OTHER_TYPE : parse(line, result, rejection);
-    return result;
-}
+[[gnu::always_inline]] inline Reason LogConverter::classify(const std::string& line,
+                                                            const std::string& type, bool isAvc,
+                                                            ParseResult& result,
+                                                            Rejection* rejection) const {
+    // A network-control record is classified without its operation, which
+    // only the trace shows: it is taken for the trace alone.
+    const std::string operation = isAvc || debugMode_ ? extractOperation(line) : std::string();
+    trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
 
-Reason LogConverter::parse(const std::string& line, ParseResult& result,
-                           Rejection* rejection) const {
-    // Both start empty; clear() makes the reset without the library call that
-    // assigning "" costs.
-    result.spare.clear();
-    result.containerId.clear();
-    try {
-        trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
-        // The filter's own test, with the type it found kept for the parse,
-        // which would otherwise look for the same first "type=" again.
-        std::string_view type;
-        if (!findHandledType(line, type)) {
-            trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
-            return Reason::OTHER_TYPE;
-        }
-        return parseRecord(line, type, result, rejection);
-    } catch (const std::exception& e) {
-        trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
-        if (rejection != nullptr) {
-            rejection->error = e.what();
-        }
-        return Reason::EXCEPTION;
-    }
-}
-
-Reason LogConverter::parseRecord(const std::string& line, std::string_view typeView,
-                                 ParseResult& result, Rejection* rejection) const {
-    const std::string_view containerId = containerIdValue(line);
-    if (containerId.empty()) {
+    result.eventType = determineEventType(type, operation);
+    if (result.eventType == EventType::UNKNOWN) {
         trace(debugMode_, Logger::DEBUG,
-              [&] { return "container_id field not found in log, skipping"; });
-        return Reason::NO_CONTAINER;
+              [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
+        if (rejection != nullptr) {
+            rejection->operation = operation;
+        }
+        return Reason::UNKNOWN_EVENT;
     }
-    // The record's strings are empty here: appending to them spares the
-    // general replacement that an assignment goes through.
-    result.containerId.append(containerId.data(), containerId.size());
-    trace(debugMode_, Logger::DEBUG,
-          [&] { return "Container ID from container_id field: " + result.containerId; });
 
-    // The parser has no use for the serial number.
-    const AuditStamp stamp = findAuditStamp(line, false);
-    if (!stamp.found) {
-        trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
-        return Reason::NO_STAMP;
+    result.statusType = classifyStatus(line, rejection);
+    if (result.statusType == StatusType::UNKNOWN) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
+        return Reason::UNKNOWN_STATUS;
     }
-    if (stamp.hasSeconds) {
-        appendConvertedTime(stamp.seconds, result.timestamp);
-    }
-    if (result.timestamp.empty()) {
-        trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
-        return Reason::BAD_STAMP;
-    }
-    trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
 
+    result.valid = true;
+    trace(debugMode_, Logger::DEBUG, [&] {
+        return "Parse successful - container_id: " + result.containerId + ", type: " + type +
+               ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
+               ", path: " + result.path +
+               ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
+    });
+    return Reason::NONE;
+}
+
+[[gnu::always_inline]] inline Reason LogConverter::parsePath(const std::string& line,
+                                                             std::string_view typeView,
+                                                             ParseResult& result,
+                                                             Rejection* rejection) const {
     // The filter passed one of the two types, spelled alike on every line:
     // their strings are made once.
     static const std::string avcType(AVC_TYPE);
@@ -594,36 +542,70 @@ Reason LogConverter::parseRecord(const std::string& line, std::string_view typeV
         return Reason::NO_PATH;
     }
     trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
+    return classify(line, type, isAvc, result, rejection);
+}
 
-    // A network-control record is classified without its operation, which
-    // only the trace shows: it is taken for the trace alone.
-    const std::string operation = isAvc || debugMode_ ? extractOperation(line) : std::string();
-    trace(debugMode_, Logger::DEBUG, [&] { return "Operation: " + operation; });
-
-    result.eventType = determineEventType(type, operation);
-    if (result.eventType == EventType::UNKNOWN) {
+Reason LogConverter::parseRecord(const std::string& line, std::string_view typeView,
+                                 ParseResult& result, Rejection* rejection) const {
+    const std::string_view containerId = containerIdValue(line);
+    if (containerId.empty()) {
         trace(debugMode_, Logger::DEBUG,
-              [&] { return "Unknown event type: type=" + type + ", operation=" + operation; });
-        if (rejection != nullptr) {
-            rejection->operation = operation;
+              [&] { return "container_id field not found in log, skipping"; });
+        return Reason::NO_CONTAINER;
+    }
+    // The record's strings are empty here: appending to them spares the
+    // general replacement that an assignment goes through.
+    result.containerId.append(containerId.data(), containerId.size());
+    trace(debugMode_, Logger::DEBUG,
+          [&] { return "Container ID from container_id field: " + result.containerId; });
+
+    // The parser has no use for the serial number.
+    const AuditStamp stamp = findAuditStamp(line, false);
+    if (!stamp.found) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
+        return Reason::NO_STAMP;
+    }
+    if (stamp.hasSeconds) {
+        appendConvertedTime(stamp.seconds, result.timestamp);
+    }
+    if (result.timestamp.empty()) {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
+        return Reason::BAD_STAMP;
+    }
+    trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
+    return parsePath(line, typeView, result, rejection);
+}
+
+Reason LogConverter::parse(const std::string& line, ParseResult& result,
+                           Rejection* rejection) const {
+    // Both start empty; clear() makes the reset without the library call that
+    // assigning "" costs.
+    result.spare.clear();
+    result.containerId.clear();
+    try {
+        trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
+        // The filter's own test, with the type it found kept for the parse,
+        // which would otherwise look for the same first "type=" again.
+        std::string_view type;
+        if (!findHandledType(line, type)) {
+            trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
+            return Reason::OTHER_TYPE;
         }
-        return Reason::UNKNOWN_EVENT;
+        return parseRecord(line, type, result, rejection);
+    } catch (const std::exception& e) {
+        trace(Logger::ERROR, std::string("Exception in parseLine: ") + e.what());
+        if (rejection != nullptr) {
+            rejection->error = e.what();
+        }
+        return Reason::EXCEPTION;
     }
+}
 
-    result.statusType = classifyStatus(line, rejection);
-    if (result.statusType == StatusType::UNKNOWN) {
-        trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
-        return Reason::UNKNOWN_STATUS;
-    }
-
-    result.valid = true;
-    trace(debugMode_, Logger::DEBUG, [&] {
-        return "Parse successful - container_id: " + result.containerId + ", type: " + type +
-               ", event: " + std::to_string(static_cast<int32_t>(result.eventType)) +
-               ", path: " + result.path +
-               ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
-    });
-    return Reason::NONE;
+LogConverter::ParseResult LogConverter::parseLine(const std::string& line, Reason& reason,
+                                                  Rejection* rejection) const {
+    ParseResult result;
+    reason = rejectsAtOnce(line) ? Reason::OTHER_TYPE : parse(line, result, rejection);
+    return result;
 }
 
 // ---------------------------------------------------------------------------

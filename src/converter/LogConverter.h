@@ -127,7 +127,8 @@ public:
 private:
     // Private so that getInstance is the only way to reach the cache.
     LogConverter();
-    ~LogConverter();
+    // Members go in reverse order: the cache's keys, then the unused map.
+    ~LogConverter() = default;
 
     // A record of another audit type whose first bytes already say so:
     // "type=" opens the line and its value does not begin with "QIRN_".
@@ -140,12 +141,17 @@ private:
                             HANDLED_TYPE_PREFIX.size()) != 0);
     }
 
-    // The parse after the header's shortcut, and its steps after the filter;
+    // The parse after the header's shortcut, and its steps after the filter
+    // (container and stamp, type and path, operation and classification);
     // apart so that the common line of another type is settled in the
     // caller's frame.
     Reason parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
     Reason parseRecord(const std::string& line, std::string_view type, ParseResult& result,
                        Rejection* rejection) const;
+    Reason parsePath(const std::string& line, std::string_view type, ParseResult& result,
+                     Rejection* rejection) const;
+    Reason classify(const std::string& line, const std::string& type, bool isAvc,
+                    ParseResult& result, Rejection* rejection) const;
     // determineStatusType, telling a rejection what it saw.
     StatusType classifyStatus(const std::string& line, Rejection* rejection) const;
 
@@ -161,6 +167,9 @@ private:
     // An insertion costs a few instructions instead of a trip through malloc;
     // emptying frees nothing one by one. A cache of long keys that outgrows
     // the buffer takes further blocks, given back at each clearing.
+    // A full cache of keys as audit records carry them, nodes and buckets
+    // included, fits here; its pages are touched only when carved.
+    static constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
     std::unique_ptr<std::byte[]> keyBuffer_;
     std::pmr::monotonic_buffer_resource keyArena_;
     // Strings of the standard library with their memory from the arena,
