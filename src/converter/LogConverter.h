@@ -127,7 +127,7 @@ public:
 private:
     // Private so that getInstance is the only way to reach the cache.
     LogConverter();
-    // Members go in reverse order: the cache's keys, then the unused map.
+    // Members go in reverse order of declaration: the cache, then the unused map.
     ~LogConverter() = default;
 
     // A record of another audit type whose first bytes already say so:
@@ -161,15 +161,15 @@ private:
     void reserveCache();
 
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
+    // A full cache of keys as audit records carry them, nodes and buckets
+    // included, fits here; its pages are touched only when carved.
+    static constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
     // Memory for the duplicate cache, before it: the cache only grows and is
     // then emptied at once, so keys and nodes are carved one after another
     // from a kept buffer, and an emptied cache starts again at its beginning.
     // An insertion costs a few instructions instead of a trip through malloc;
     // emptying frees nothing one by one. A cache of long keys that outgrows
     // the buffer takes further blocks, given back at each clearing.
-    // A full cache of keys as audit records carry them, nodes and buckets
-    // included, fits here; its pages are touched only when carved.
-    static constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
     std::unique_ptr<std::byte[]> keyBuffer_;
     std::pmr::monotonic_buffer_resource keyArena_;
     // Strings of the standard library with their memory from the arena,
