@@ -1,8 +1,7 @@
 #pragma once
-// Decides what the service would do with one audit line, and why, using only
-// what the converter itself reports: the record as far as it was filled, the
-// type filter, the duplicate cache and, for the few cases those leave open,
-// the converter's own trace of that one line, captured from the logger.
+// Decides what the service would do with one audit line, and why, from what
+// the converter itself reports: the reason code of the step that stopped the
+// line, what that step saw, and the duplicate cache.
 
 #include <cstddef>
 #include <string>
@@ -39,8 +38,8 @@ public:
         std::string event;  // the output line, for EVENT
     };
 
-    // With `detailed` set, a rejected line is run once more with the trace on
-    // so that its detail can be named; plain conversion composes no trace.
+    // With `detailed` set, every rejection that has a detail names it; without,
+    // only those the summary-only run reports too.
     explicit LineJudge(bool detailed);
     ~LineJudge();
     LineJudge(const LineJudge&) = delete;
@@ -70,15 +69,12 @@ private:
     // parse after the filter, out of line so that a line of another type,
     // most lines, runs in a small frame.
     [[gnu::noinline]] void parseRecord(const std::string& line, Verdict& verdict);
-    void classifyRejected(const std::string& line, Verdict& verdict);
-    // Runs the line again with the converter's trace captured; the trace only.
-    std::vector<std::string> trace(const std::string& line);
-    static bool findTrace(const std::vector<std::string>& lines, std::string_view prefix,
-                          std::string* rest);
-    bool takeCaptured(std::string_view prefix, std::string* rest);
+    void judgeRejected(const std::string& line, LogConverter::Reason reason, Verdict& verdict);
 
     // Before the converter: its first line is captured while it is constructed.
     std::vector<std::string> captured_;
     LogConverter& converter_;
     bool detailed_;
+    // Reused from line to line, so that its texts keep their room.
+    LogConverter::Rejection rejection_;
 };

@@ -7,13 +7,12 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <memory_resource>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
-
-#include "converter/KeyArena.h"
 
 class LogConverter {
 public:
@@ -30,6 +29,34 @@ public:
         // empty, so that a later use does not change the record's shape.
         std::string spare;
         bool valid = false;
+    };
+
+    // Why a line gave no event, as decided by the step that stopped it:
+    // parsing (OTHER_TYPE to EXCEPTION) or output (NOT_VALID to NO_WORD).
+    enum class Reason : int32_t {
+        NONE,            // a valid record, or an output line
+        OTHER_TYPE,      // the filter: not one of the two handled audit types
+        NO_CONTAINER,    // no container_id value
+        NO_STAMP,        // no audit stamp text
+        BAD_STAMP,       // a stamp that does not convert to a time
+        NO_PATH,         // no path for the record's type
+        UNKNOWN_EVENT,   // type and operation name no event kind
+        UNKNOWN_STATUS,  // no decision word, or one that is neither kind
+        EXCEPTION,       // a standard exception, caught and logged
+        NOT_VALID,       // output asked of a record that is not valid
+        DUPLICATE,       // the record's key is already in the cache
+        NO_WORD,         // the record's event or status value has no word
+    };
+
+    // What the step that rejected a line saw, for a caller that explains
+    // rejections; each reason fills only its own fields, the others keep what
+    // they held. Views point into the parsed line.
+    struct Rejection {
+        std::string_view type;      // NO_PATH, UNKNOWN_EVENT: the audit type
+        std::string operation;      // UNKNOWN_EVENT: the operation classified
+        bool statusMarker = false;  // UNKNOWN_STATUS: whether the line has "avc:"
+        std::string statusWord;     // UNKNOWN_STATUS with "avc:": the word, lower-cased
+        std::string error;          // EXCEPTION: the exception's message
     };
 
     // Where a line's audit stamp is and what it says: the text between "audit("
@@ -57,6 +84,10 @@ public:
     LogConverter(LogConverter&&) = delete;
     LogConverter& operator=(LogConverter&&) = delete;
 
+    // What opens the audit type's field, and how both handled types begin.
+    static constexpr std::string_view TYPE_MARKER = "type=";
+    static constexpr std::string_view HANDLED_TYPE_PREFIX = "QIRN_";
+
     bool shouldProcess(const std::string& line) const;
     // shouldProcess on any text, for callers that hold a line without a
     // string of its own; the answers are the same.
@@ -73,16 +104,21 @@ public:
         ParseResult result;
         // Most lines are records of other types: with no trace to write,
         // nothing of them is observable but the invalid record.
-        if (rejectsAtOnce(line)) {
-            return result;
+        if (!rejectsAtOnce(line)) {
+            parse(line, result, nullptr);
         }
-        parseLineFully(line, result);
         return result;
     }
+    // parseLine, also saying why the record is not valid and, given
+    // `rejection`, what the rejecting step saw.
+    ParseResult parseLine(const std::string& line, Reason& reason,
+                          Rejection* rejection = nullptr) const;
     // The stamp step of parseLine, on its own; `line` must outlive the result.
     // Without `withSerial` the serial number is left unread.
     static AuditStamp findAuditStamp(std::string_view line, bool withSerial = true);
     std::string convertToOutputFormat(const ParseResult& result);
+    // convertToOutputFormat, also saying why the line is empty.
+    std::string convertToOutputFormat(const ParseResult& result, Reason& reason);
     std::string convertTimestamp(const std::string& text) const;
     std::string generateLogHash(const ParseResult& result) const;
     EventType determineEventType(const std::string& type, const std::string& operation) const;
@@ -91,20 +127,33 @@ public:
 private:
     // Private so that getInstance is the only way to reach the cache.
     LogConverter();
-    ~LogConverter();
+    // Members go in reverse order of declaration: the cache, then the unused map.
+    ~LogConverter() = default;
 
     // A record of another audit type whose first bytes already say so:
     // "type=" opens the line and its value does not begin with "QIRN_".
-    static bool isOtherTypeAtOnce(const std::string& line) {
-        return line.size() >= 5 && std::memcmp(line.data(), "type=", 5) == 0 &&
-               (line.size() < 10 || std::memcmp(line.data() + 5, "QIRN_", 5) != 0);
+    static bool isOtherTypeAtOnce(std::string_view line) {
+        constexpr std::size_t valueStart = TYPE_MARKER.size();
+        return line.size() >= valueStart &&
+               std::memcmp(line.data(), TYPE_MARKER.data(), valueStart) == 0 &&
+               (line.size() < valueStart + HANDLED_TYPE_PREFIX.size() ||
+                std::memcmp(line.data() + valueStart, HANDLED_TYPE_PREFIX.data(),
+                            HANDLED_TYPE_PREFIX.size()) != 0);
     }
 
-    // parseLine without the shortcut of the header, and the work after the
-    // filter. Apart so that the common line of another type is settled in the
+    // The parse after the header's shortcut, and its steps after the filter
+    // (container and stamp, type and path, operation and classification);
+    // apart so that the common line of another type is settled in the
     // caller's frame.
-    void parseLineFully(const std::string& line, ParseResult& result) const;
-    void parseRecord(const std::string& line, std::string_view type, ParseResult& result) const;
+    Reason parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
+    Reason parseRecord(const std::string& line, std::string_view type, ParseResult& result,
+                       Rejection* rejection) const;
+    Reason parsePath(const std::string& line, std::string_view type, ParseResult& result,
+                     Rejection* rejection) const;
+    Reason classify(const std::string& line, const std::string& type, bool isAvc,
+                    ParseResult& result, Rejection* rejection) const;
+    // determineStatusType, telling a rejection what it saw.
+    StatusType classifyStatus(const std::string& line, Rejection* rejection) const;
 
     // Empties the duplicate cache, buckets included, and lets its memory be
     // carved again.
@@ -112,8 +161,17 @@ private:
     void reserveCache();
 
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
-    // Before the cache, which holds memory from it until destroyed.
-    KeyArena keyArena_;
+    // A full cache of keys as audit records carry them, nodes and buckets
+    // included, fits here; its pages are touched only when carved.
+    static constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
+    // Memory for the duplicate cache, before it: the cache only grows and is
+    // then emptied at once, so keys and nodes are carved one after another
+    // from a kept buffer, and an emptied cache starts again at its beginning.
+    // An insertion costs a few instructions instead of a trip through malloc;
+    // emptying frees nothing one by one. A cache of long keys that outgrows
+    // the buffer takes further blocks, given back at each clearing.
+    std::unique_ptr<std::byte[]> keyBuffer_;
+    std::pmr::monotonic_buffer_resource keyArena_;
     // Strings of the standard library with their memory from the arena,
     // hashed by the library's string hash (the one std::string uses, which
     // the set also keeps beside each key, so a lookup never hashes twice).

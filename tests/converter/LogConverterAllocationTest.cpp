@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "converter/LogConverter.h"
 #include "logging/Logger.h"
 #include "support/AuditLines.h"
@@ -111,21 +112,12 @@ std::size_t allocationsFor(const std::string& line) {
     return allocationCount.load() - before;
 }
 
-class LogConverterAllocationTest : public ::testing::Test {
+class LogConverterAllocationTest : public ConverterFixture {
 protected:
-    void SetUp() override {
-        testing_support::initLogger(logPath_, true);
-        LogConverter::setDebugMode(false);
-        LogConverter::getInstance();
+    void TearDown() override {
+        failingAllocation.store(0);
+        ConverterFixture::TearDown();
     }
-    void TearDown() override { failingAllocation.store(0); }
-
-    std::vector<std::string> diagnostics() const {
-        return testing_support::stripTimestamps(testing_support::readLines(logPath_));
-    }
-
-    testing_support::TempDir dir_;
-    std::string logPath_ = dir_.file("converter.log");
 };
 
 TEST_F(LogConverterAllocationTest, CounterSeesAllocations) {
@@ -174,6 +166,23 @@ TEST_F(LogConverterAllocationTest, ExceptionInParseIsLoggedAndRecordReturnedAsIt
     EXPECT_EQ("exc1", result.containerId);
     EXPECT_TRUE(testing_support::containsLine(diagnostics(),
                                               "[ERROR] Exception in parseLine: std::bad_alloc"));
+}
+
+TEST_F(LogConverterAllocationTest, ExceptionInParseIsReasonExceptionWithItsMessage) {
+    const std::string line =
+        "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } "
+        "name=/var/lib/containers/storage/overlay/file container_id=exc2";
+    LogConverter::Reason reason = LogConverter::Reason::NONE;
+    LogConverter::Rejection saw;
+    failingAllocation.store(1);
+
+    const LogConverter::ParseResult result =
+        LogConverter::getInstance().parseLine(line, reason, &saw);
+
+    EXPECT_EQ(0, failingAllocation.load());
+    EXPECT_FALSE(result.valid);
+    EXPECT_EQ(LogConverter::Reason::EXCEPTION, reason);
+    EXPECT_EQ("std::bad_alloc", saw.error);
 }
 
 TEST_F(LogConverterAllocationTest, ExceptionAfterSuccessStillReturnsValidRecord) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "converter/LogConverter.h"
 #include "support/AuditLines.h"
 #include "support/ScopedTimeZone.h"
@@ -46,20 +47,7 @@ std::string libraryTimeText(const std::string& text) {
 
 std::string byteName(int byte) { return "byte " + std::to_string(byte); }
 
-class LogConverterLibraryPinTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        testing_support::initLogger(logPath_, true);
-        LogConverter::setDebugMode(false);
-    }
-    void TearDown() override { LogConverter::setDebugMode(false); }
-
-    LogConverter& converter() { return LogConverter::getInstance(); }
-
-    testing_support::TempDir dir_;
-    std::string logPath_ = dir_.file("converter.log");
-    ScopedTimeZone utc_{"UTC"};
-};
+using LogConverterLibraryPinTest = ConverterFixture;
 
 // ---------------------------------------------------------------------------
 // Character classes: isspace and tolower of the C locale

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "support/AuditLines.h"
 #include "support/ScopedTimeZone.h"
 #include "support/TestSupport.h"
@@ -49,34 +50,7 @@ LogConverter::ParseResult makeRecord(const std::string& containerId, const std::
     return record;
 }
 
-class LogConverterTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        testing_support::initLogger(logPath_, true);
-        // The trace switch is process-wide: every test starts with it off.
-        LogConverter::setDebugMode(false);
-        LogConverter::getInstance();
-        markLog();
-    }
-
-    LogConverter& converter() { return LogConverter::getInstance(); }
-
-    // Later assertions see only what was logged after this point, so that set-up
-    // messages are never mistaken for those of the operation under test.
-    void markLog() { logMark_ = readLines(logPath_).size(); }
-
-    std::vector<std::string> diagnostics() const {
-        const std::vector<std::string> lines = stripTimestamps(readLines(logPath_));
-        return std::vector<std::string>(lines.begin() + std::min(logMark_, lines.size()),
-                                        lines.end());
-    }
-    bool logged(const std::string& line) const { return containsLine(diagnostics(), line); }
-
-    testing_support::TempDir dir_;
-    std::string logPath_ = dir_.file("converter.log");
-    ScopedTimeZone utc_{"UTC"};
-    std::size_t logMark_ = 0;
-};
+using LogConverterTest = ConverterFixture;
 
 // Output tests start from an empty duplicate cache even when earlier tests ran
 // in the same process.
@@ -1277,4 +1251,116 @@ TEST(LogConverterStampTest, UnreadableStampIsFoundWithoutSeconds) {
     EXPECT_FALSE(stamp.hasSeconds);
     EXPECT_TRUE(stamp.hasSerial);
     EXPECT_EQ(stamp.serial, 1u);
+}
+
+// ---------------------------------------------------------------------------
+// Reasons: why a line gives no event, from the step that decided it
+
+namespace {
+
+using Reason = LogConverter::Reason;
+
+struct ReasonCase {
+    std::string line;
+    Reason reason;
+};
+
+const std::string HEAD = "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } ";
+
+std::vector<ReasonCase> reasonCases() {
+    return {
+        {AVC_LINE, Reason::NONE},
+        {NETCTL_LINE, Reason::NONE},
+        {SYSCALL_LINE, Reason::OTHER_TYPE},
+        {"msg=x subtype=QIRN_AVC2", Reason::OTHER_TYPE},
+        {HEAD + "name=/a", Reason::NO_CONTAINER},
+        {"type=QIRN_AVC msg=x: avc: denied { write } name=/a container_id=c", Reason::NO_STAMP},
+        {"type=QIRN_AVC audit(abc:1): avc: denied { write } name=/a container_id=c",
+         Reason::BAD_STAMP},
+        {HEAD + "container_id=c", Reason::NO_PATH},
+        {"type=QIRN_NETCTL msg=audit(1731676205.1:1): avc: denied container_id=c", Reason::NO_PATH},
+        {"type=QIRN_AVC msg=audit(1731676205.1:1): avc: denied { Read } name=/a container_id=c",
+         Reason::UNKNOWN_EVENT},
+        {"type=QIRN_AVC msg=audit(1731676205.1:1) { write } name=/a container_id=c",
+         Reason::UNKNOWN_STATUS},
+        {"type=QIRN_AVC msg=audit(1731676205.1:1): avc: Allowed { write } name=/a container_id=c",
+         Reason::UNKNOWN_STATUS},
+    };
+}
+
+}  // namespace
+
+TEST_F(LogConverterTest, EveryRejectionHasTheReasonOfItsStep) {
+    for (const ReasonCase& c : reasonCases()) {
+        Reason reason = Reason::EXCEPTION;
+        const LogConverter::ParseResult result = converter().parseLine(c.line, reason);
+        EXPECT_EQ(c.reason, reason) << c.line;
+        EXPECT_EQ(reason == Reason::NONE, result.valid) << c.line;
+    }
+}
+
+TEST_F(LogConverterTest, TraceChangesNeitherReasonNorWhatTheRejectionSaw) {
+    for (const ReasonCase& c : reasonCases()) {
+        Reason quiet = Reason::NONE;
+        LogConverter::Rejection quietSaw;
+        const LogConverter::ParseResult quietResult =
+            converter().parseLine(c.line, quiet, &quietSaw);
+        LogConverter::setDebugMode(true);
+        Reason traced = Reason::NONE;
+        LogConverter::Rejection tracedSaw;
+        const LogConverter::ParseResult tracedResult =
+            converter().parseLine(c.line, traced, &tracedSaw);
+        LogConverter::setDebugMode(false);
+        EXPECT_EQ(quiet, traced) << c.line;
+        EXPECT_EQ(quietResult.valid, tracedResult.valid) << c.line;
+        EXPECT_EQ(quietSaw.type, tracedSaw.type) << c.line;
+        EXPECT_EQ(quietSaw.operation, tracedSaw.operation) << c.line;
+        EXPECT_EQ(quietSaw.statusMarker, tracedSaw.statusMarker) << c.line;
+        EXPECT_EQ(quietSaw.statusWord, tracedSaw.statusWord) << c.line;
+    }
+}
+
+TEST_F(LogConverterTest, RejectionTellsWhatTheRejectingStepSaw) {
+    // The type the rejection names points into the line parsed.
+    const std::vector<ReasonCase> cases = reasonCases();
+    Reason reason = Reason::NONE;
+    LogConverter::Rejection saw;
+    converter().parseLine(cases[8].line, reason, &saw);
+    EXPECT_EQ(Reason::NO_PATH, reason);
+    EXPECT_EQ("QIRN_NETCTL", saw.type);
+
+    converter().parseLine(cases[9].line, reason, &saw);
+    EXPECT_EQ(Reason::UNKNOWN_EVENT, reason);
+    EXPECT_EQ("QIRN_AVC", saw.type);
+    EXPECT_EQ("read", saw.operation);
+
+    converter().parseLine(cases[10].line, reason, &saw);
+    EXPECT_EQ(Reason::UNKNOWN_STATUS, reason);
+    EXPECT_FALSE(saw.statusMarker);
+
+    converter().parseLine(cases[11].line, reason, &saw);
+    EXPECT_EQ(Reason::UNKNOWN_STATUS, reason);
+    EXPECT_TRUE(saw.statusMarker);
+    EXPECT_EQ("allowed", saw.statusWord);
+}
+
+TEST_F(LogConverterOutputTest, OutputSaysWhyItIsEmpty) {
+    Reason reason = Reason::NONE;
+    LogConverter::ParseResult invalid = makeRecord("r1", "/r");
+    invalid.valid = false;
+    EXPECT_EQ("", converter().convertToOutputFormat(invalid, reason));
+    EXPECT_EQ(Reason::NOT_VALID, reason);
+
+    EXPECT_NE("", converter().convertToOutputFormat(makeRecord("r1", "/r"), reason));
+    EXPECT_EQ(Reason::NONE, reason);
+    EXPECT_EQ("", converter().convertToOutputFormat(makeRecord("r1", "/r"), reason));
+    EXPECT_EQ(Reason::DUPLICATE, reason);
+
+    EXPECT_EQ("", converter().convertToOutputFormat(
+                      makeRecord("r2", "/r", static_cast<EventType>(7)), reason));
+    EXPECT_EQ(Reason::NO_WORD, reason);
+    EXPECT_EQ("",
+              converter().convertToOutputFormat(
+                  makeRecord("r3", "/r", EventType::FILECTL, static_cast<StatusType>(0)), reason));
+    EXPECT_EQ(Reason::NO_WORD, reason);
 }

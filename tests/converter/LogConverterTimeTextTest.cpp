@@ -1,8 +1,8 @@
-// The converter writes its time text itself and watches the TZ entry of the
-// environment instead of reading TZ on every conversion. These tests pin the
-// result to localtime_r and strftime over the whole range of the conversion,
-// in zones with and without daylight saving, fractional offsets and leap
-// seconds, and across zone changes made with setenv and tzset.
+// The converter writes its time text itself and reuses the text of the last
+// second while the zone state that tzset() publishes is unchanged. These tests
+// pin the result to localtime_r and strftime over the whole range of the
+// conversion, in zones with and without daylight saving, fractional offsets
+// and leap seconds, and across zone changes made with setenv and tzset.
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "converter/ConverterFixture.h"
 #include "converter/LogConverter.h"
 #include "support/TestSupport.h"
 
@@ -41,25 +42,9 @@ void setZone(const char* zone) {
     tzset();
 }
 
-class LogConverterTimeTextTest : public ::testing::Test {
+// The fixture's zone is put back after each test, whatever the test set.
+class LogConverterTimeTextTest : public ConverterFixture {
 protected:
-    void SetUp() override {
-        testing_support::initLogger(dir_.file("converter.log"), false);
-        const char* previous = std::getenv("TZ");
-        hadZone_ = previous != nullptr;
-        if (hadZone_) {
-            previousZone_ = previous;
-        }
-    }
-    void TearDown() override {
-        if (hadZone_) {
-            setenv("TZ", previousZone_.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-
     std::string convert(long long seconds) {
         return LogConverter::getInstance().convertTimestamp(stampFor(seconds));
     }
@@ -77,10 +62,6 @@ protected:
             }
         }
     }
-
-    testing_support::TempDir dir_;
-    bool hadZone_ = false;
-    std::string previousZone_;
 };
 
 // Random seconds over about 1,000 years either side of the epoch, each
