@@ -1,6 +1,7 @@
 #include "convert/Checkpoint.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,24 +10,11 @@
 #include <fstream>
 #include <sstream>
 
+#include "convert/Descriptor.h"
+
 namespace {
 
 constexpr const char* HEADER = "# qirn-log-convert checkpoint: device inode offset next-line name";
-
-bool writeAll(int fd, const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        done += static_cast<std::size_t>(wrote);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -79,6 +67,23 @@ void Checkpoint::record(const Entry& entry) {
     recorded_.push_back(entry);
 }
 
+bool Checkpoint::checkWritable() {
+    struct stat info {};
+    if (stat(path_.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        error_ = path_ + ": cannot write checkpoint: " + std::strerror(EISDIR);
+        return false;
+    }
+    const std::string temporary = temporaryPath();
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error_ = temporary + ": cannot write checkpoint: " + std::strerror(errno);
+        return false;
+    }
+    close(fd);
+    unlink(temporary.c_str());
+    return true;
+}
+
 bool Checkpoint::save() {
     std::string text = std::string(HEADER) + "\n";
     for (const Entry& entry : recorded_) {
@@ -92,14 +97,17 @@ bool Checkpoint::save() {
                 std::to_string(entry.offset) + " " + std::to_string(entry.nextLine) + " " + name +
                 "\n";
     }
-    const std::string temporary = path_ + ".tmp";
+    const std::string temporary = temporaryPath();
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         error_ = temporary + ": cannot write checkpoint: " + std::strerror(errno);
         return false;
     }
-    bool written = writeAll(fd, text) && fsync(fd) == 0;
-    int writeError = written ? 0 : errno;
+    int writeError = Descriptor::writeAll(fd, text);
+    if (writeError == 0 && fsync(fd) != 0) {
+        writeError = errno;
+    }
+    bool written = writeError == 0;
     if (close(fd) != 0 && written) {
         written = false;
         writeError = errno;

@@ -27,11 +27,16 @@ public:
     // Records where a file stands after this run; entries of files not
     // recorded in this run are dropped on save, as their inode may be reused.
     void record(const Entry& entry);
+    // Whether save() can write beside the file: checked before anything is
+    // converted, so that a run never writes events it cannot record.
+    bool checkWritable();
     // Through a temporary file and a rename, so that a crash leaves the old one.
     bool save();
     const std::string& error() const { return error_; }
 
 private:
+    std::string temporaryPath() const { return path_ + ".tmp"; }
+
     std::string path_;
     std::vector<Entry> loaded_;
     std::vector<Entry> recorded_;

@@ -62,6 +62,30 @@ bool expect(const std::string& text, std::size_t& at, char c) {
     return false;
 }
 
+// "--name" of a long option by its value, or "-c" of a short one.
+std::string optionName(const struct option* options, int value) {
+    for (; options->name != nullptr; ++options) {
+        if (options->val == value) {
+            return std::string("--") + options->name;
+        }
+    }
+    return std::string("-") + static_cast<char>(value);
+}
+
+// What getopt refused, named as the user wrote it.
+std::string unknownOption(const struct option* options, const std::string& given) {
+    if (optopt != 0) {
+        // A known option getopt refused: a value given to one that takes none.
+        const std::string name = optionName(options, optopt);
+        if (given.rfind("--", 0) == 0 && given.find('=') != std::string::npos) {
+            return name + " takes no value, not '" + given + "'";
+        }
+        return "unknown option '" + name + "'";
+    }
+    const std::string name = given.substr(0, given.find('='));
+    return "unknown or ambiguous option '" + name + "'";
+}
+
 }  // namespace
 
 bool ConvertOptions::fail(const std::string& message) {
@@ -160,8 +184,8 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
     optind = 0;  // also resets getopt's state, so that parse can run again
     opterr = 0;
     for (;;) {
-        const int previous = optind;
-        const int option = getopt_long(argc, argv, "qh", LONG_OPTIONS, nullptr);
+        // The leading ':' makes a missing value ':' rather than '?'.
+        const int option = getopt_long(argc, argv, ":qh", LONG_OPTIONS, nullptr);
         if (option == -1) {
             break;
         }
@@ -227,11 +251,13 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
                 return Outcome::HELP;
             case OPTION_VERSION:
                 return Outcome::VERSION;
-            default: {
-                const std::string given = previous < argc ? argv[previous] : "?";
-                fail("unknown option or missing value: '" + given + "'");
+            case ':':
+                fail(optionName(LONG_OPTIONS, optopt) + " needs a value");
                 return Outcome::USAGE_ERROR;
-            }
+            default:
+                fail(unknownOption(LONG_OPTIONS,
+                                   optind > 0 && optind <= argc ? argv[optind - 1] : ""));
+                return Outcome::USAGE_ERROR;
         }
     }
     for (int i = optind; i < argc; ++i) {
@@ -239,6 +265,12 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
     }
     if (inputs.empty()) {
         inputs.emplace_back("-");
+    }
+    if (!checkpoint.empty() && explain != Explain::NONE) {
+        // An explanation converts nothing, so it has no progress to record;
+        // reading from the checkpoint without moving it would surprise either way.
+        fail("--explain cannot be used with --checkpoint: explaining converts nothing to record");
+        return Outcome::USAGE_ERROR;
     }
     if (!checkpoint.empty()) {
         for (const std::string& input : inputs) {
@@ -272,13 +304,17 @@ std::string ConvertOptions::usage() {
            "                           limit by the record's audit time: seconds since the\n"
            "                           epoch or an ISO 8601 date-time\n"
            "  --checkpoint FILE        remember per file how far it was converted\n"
+           "                           (regular files only; not with --explain)\n"
            "  --format=line|json       event lines as the service writes them, or JSON\n"
+           "                           (with --explain: one JSON object per row)\n"
            "  --strict                 exit 3 when a line failed in a way that suggests a\n"
            "                           changed audit format\n"
            "  -q, --quiet              no summary on standard error\n"
            "  -h, --help               this text\n"
            "      --version            the version\n"
            "\n"
-           "Exit status: 0 done, 1 no event written (plain conversion), 2 usage or I/O\n"
-           "error, 3 --strict found a suspicious line. See qirn-log-convert(1).\n";
+           "Exit status: 0 done, 1 no event written (plain conversion without\n"
+           "--checkpoint), 2 usage or I/O error, 3 --strict found a suspicious line,\n"
+           "4 --reconcile matched nothing in event logs of the same time (check TZ).\n"
+           "See qirn-log-convert(1).\n";
 }

@@ -1,12 +1,16 @@
 #include "convert/ConvertRun.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <exception>
 
 #include "common/EventLine.h"
+#include "convert/Descriptor.h"
 #include "convert/FieldEscaper.h"
 #include "convert/InputStream.h"
 
@@ -14,17 +18,6 @@ namespace {
 
 constexpr const char* PROGRAM = "qirn-log-convert: ";
 constexpr const char* STANDARD_INPUT_SOURCE = "-";
-
-void writeText(int fd, const std::string& text) {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
-        if (wrote <= 0) {
-            return;
-        }
-        done += static_cast<std::size_t>(wrote);
-    }
-}
 
 bool strictReason(LineJudge::Reason reason) {
     switch (reason) {
@@ -39,6 +32,21 @@ bool strictReason(LineJudge::Reason reason) {
     }
 }
 
+// A JSON string field, with the raw bytes in hexadecimal beside it when they
+// were not valid UTF-8.
+void appendJsonField(std::string& out, const char* name, std::string_view value) {
+    out += '"';
+    out += name;
+    out += "\":";
+    if (!FieldEscaper::appendJsonString(out, value)) {
+        out += ",\"";
+        out += name;
+        out += "_hex\":\"";
+        FieldEscaper::appendHex(out, value);
+        out += '"';
+    }
+}
+
 }  // namespace
 
 ConvertRun::ConvertRun(const ConvertOptions& options, int outputFd, int errorFd)
@@ -47,7 +55,6 @@ ConvertRun::ConvertRun(const ConvertOptions& options, int outputFd, int errorFd)
       errorFd_(errorFd),
       judge_(options.explain != ConvertOptions::Explain::NONE),
       reconciling_(!options.eventLogs.empty()),
-      holdBack_(reconciling_),
       useRange_(false),
       hasLowerBound_(options.hasSince),
       lowerBound_(options.since),
@@ -57,6 +64,7 @@ ConvertRun::ConvertRun(const ConvertOptions& options, int outputFd, int errorFd)
       settling_(options.hasSettle || reconciling_),
       stopAtTooNew_(!options.checkpoint.empty()),
       ioError_(false),
+      unmatched_(false),
       explaining_(options.explain != ConvertOptions::Explain::NONE) {
     if (settling_) {
         settleBound_ = static_cast<int64_t>(std::time(nullptr)) - options.settle;
@@ -65,30 +73,42 @@ ConvertRun::ConvertRun(const ConvertOptions& options, int outputFd, int errorFd)
 }
 
 int ConvertRun::run() {
+    // Everything that can make the run pointless is checked before the first
+    // line is written: the checkpoint, its inputs and the event logs.
     Checkpoint checkpoint(options_.checkpoint);
     Checkpoint* usedCheckpoint = nullptr;
     if (!options_.checkpoint.empty()) {
-        if (!checkpoint.load()) {
+        if (!checkpoint.load() || !checkpoint.checkWritable()) {
             reportError(checkpoint.error());
+            return EXIT_ERROR;
+        }
+        if (!checkCheckpointInputs()) {
             return EXIT_ERROR;
         }
         usedCheckpoint = &checkpoint;
     }
-    for (const std::string& input : options_.inputs) {
-        convertInput(input, usedCheckpoint);
+    if (reconciling_ && !readEventLogs()) {
+        return EXIT_ERROR;
     }
-    if (reconciling_) {
-        reconcile();
+    for (const std::string& input : options_.inputs) {
+        if (output_.failed()) {
+            break;
+        }
+        convertInput(input, usedCheckpoint);
     }
     if (!output_.flush()) {
         reportError(std::string("standard output: cannot write: ") +
                     std::strerror(output_.error()));
+        summary_.outputFailed(output_.linesOut());
     } else if (usedCheckpoint != nullptr && !checkpoint.save()) {
         // Saved only once the output is out, so that nothing is skipped next time.
         reportError(checkpoint.error());
     }
+    if (reconciling_) {
+        checkUnmatched();
+    }
     if (!options_.quiet) {
-        writeText(errorFd_, summary_.render());
+        Descriptor::writeAll(errorFd_, summary_.render());
     }
     return exitStatus();
 }
@@ -96,6 +116,9 @@ int ConvertRun::run() {
 int ConvertRun::exitStatus() const {
     if (ioError_) {
         return EXIT_ERROR;
+    }
+    if (unmatched_) {
+        return EXIT_UNMATCHED;
     }
     if (options_.strict) {
         for (std::size_t i = 0; i < LineJudge::REASON_COUNT; ++i) {
@@ -105,7 +128,9 @@ int ConvertRun::exitStatus() const {
             }
         }
     }
-    const bool plain = options_.explain == ConvertOptions::Explain::NONE && !reconciling_;
+    // A checkpoint run with nothing new is the quiet hour of a timer, not a
+    // failure; a file given once that holds no event is worth a word.
+    const bool plain = !explaining_ && !reconciling_ && options_.checkpoint.empty();
     if (plain && summary_.events() == 0) {
         return EXIT_NO_EVENT;
     }
@@ -114,7 +139,44 @@ int ConvertRun::exitStatus() const {
 
 void ConvertRun::reportError(const std::string& message) {
     ioError_ = true;
-    writeText(errorFd_, PROGRAM + message + "\n");
+    note(message);
+}
+
+void ConvertRun::note(const std::string& message) {
+    Descriptor::writeAll(errorFd_, PROGRAM + message + "\n");
+}
+
+bool ConvertRun::checkCheckpointInputs() {
+    bool usable = true;
+    for (const std::string& name : options_.inputs) {
+        struct stat info {};
+        // A missing file is reported when its turn comes, like without a
+        // checkpoint; what exists must have a place to resume from.
+        if (stat(name.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+            reportError(name +
+                        ": not a regular file: --checkpoint cannot record where a pipe or "
+                        "device stopped");
+            usable = false;
+        }
+    }
+    return usable;
+}
+
+bool ConvertRun::readEventLogs() {
+    // All of them before any event is judged: an event log that cannot be
+    // read to its end would make its events look missing.
+    bool complete = true;
+    for (const std::string& name : options_.eventLogs) {
+        std::string error;
+        if (!eventLogs_.read(name, error)) {
+            reportError(error);
+            complete = false;
+        }
+    }
+    if (!complete) {
+        note("--reconcile: an event log could not be read to its end; nothing written");
+    }
+    return complete;
 }
 
 void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
@@ -124,17 +186,27 @@ void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
         return;
     }
     const InputStream::Identity& identity = input.identity();
-    const bool checkpointed = checkpoint != nullptr && identity.regular;
+    if (identity.regular) {
+        const std::pair<uint64_t, uint64_t> id(identity.device, identity.inode);
+        if (std::find(converted_.begin(), converted_.end(), id) != converted_.end()) {
+            note(name + ": named twice (same device and inode), converted once");
+            return;
+        }
+        converted_.push_back(id);
+    }
+    if (checkpoint != nullptr && !identity.regular) {
+        reportError(name + ": not a regular file: --checkpoint cannot record where it stopped");
+        return;
+    }
     int64_t start = 0;
     uint64_t firstLine = 1;
-    if (checkpointed) {
+    if (checkpoint != nullptr) {
         if (const Checkpoint::Entry* entry = checkpoint->find(identity.device, identity.inode)) {
             const bool compressed = InputStream::isCompressedName(name);
             if (!compressed && identity.size < entry->offset) {
-                writeText(errorFd_, PROGRAM + name + ": shorter than its checkpoint (" +
-                                        std::to_string(identity.size) + " < " +
-                                        std::to_string(entry->offset) +
-                                        " bytes), converting it from its beginning\n");
+                note(name + ": shorter than its checkpoint (" + std::to_string(identity.size) +
+                     " < " + std::to_string(entry->offset) +
+                     " bytes), converting it from its beginning");
             } else {
                 start = entry->offset;
                 firstLine = entry->nextLine;
@@ -151,9 +223,10 @@ void ConvertRun::convertInput(const std::string& name, Checkpoint* checkpoint) {
     const bool complete =
         source.run([this](const LineSource::Line& line) { return handleLine(line); });
     if (!complete) {
+        // What was read cleanly stays converted and recorded; the rest is not.
         reportError(input.error());
     }
-    if (checkpointed) {
+    if (checkpoint != nullptr) {
         Checkpoint::Entry entry;
         entry.device = identity.device;
         entry.inode = identity.inode;
@@ -200,8 +273,7 @@ bool ConvertRun::handleTooLong() {
     summary_.lineRead();
     verdict_.reason = LineJudge::Reason::TOO_LONG;
     verdict_.detail = "longer than " + std::to_string(LineSource::MAX_LINE_SIZE) + " bytes";
-    deliver(verdict_, lineText_);
-    return true;
+    return deliver(verdict_, lineText_);
 }
 
 bool ConvertRun::handleJudged() {
@@ -222,16 +294,17 @@ bool ConvertRun::handleJudged() {
         judge_.emit(verdict_);
     }
     summary_.lineRead();
-    deliver(verdict_, lineText_);
+    const bool writing = deliver(verdict_, lineText_);
     if (judge_.hasStrayLines()) {
         reportStray();
     }
-    return true;
+    return writing;
 }
 
 bool ConvertRun::outOfRange(const std::string& line, bool& tooNew, std::string& detail) {
     const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp(line);
     const int64_t seconds = static_cast<int64_t>(stamp.seconds);
+    auditSeconds_ = seconds;
     detail = "audit time " + std::to_string(seconds);
     if (hasLowerBound_ && seconds < lowerBound_) {
         tooNew = false;
@@ -248,49 +321,61 @@ std::string ConvertRun::sourceText() const {
     return sourceName_ + ":" + std::to_string(lineNumber_);
 }
 
-void ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& line) {
-    summary_.count(verdict.reason);
-    const bool isEvent = verdict.reason == LineJudge::Reason::EVENT;
-    const bool explaining = options_.explain != ConvertOptions::Explain::NONE;
-    const bool rowWanted =
-        explaining && (!isEvent || options_.explain == ConvertOptions::Explain::ALL);
-    if (holdBack_) {
-        if (!isEvent && !rowWanted) {
-            return;
-        }
-        Pending pending;
-        pending.source = sourceText();
-        if (isEvent) {
-            pending.event = verdict.event;
-            pending.key = EventLine::key(verdict.record.containerId, verdict.record.path,
-                                         verdict.event.substr(0, EventLine::TIME_LENGTH));
-            candidates_.emplace(pending.key, false);
-            if (explaining) {
-                appendRow(pending.row, pending.source, verdict.reason, verdict.event);
-            } else {
-                appendEvent(pending.row, verdict, line);
-            }
-        } else {
-            appendRow(pending.row, pending.source, verdict.reason, verdict.detail);
-        }
-        pending_.push_back(std::move(pending));
-        return;
+LineJudge::Reason ConvertRun::reconciled(const LineJudge::Verdict& verdict) {
+    if (candidates_ == 0 || auditSeconds_ < firstCandidate_) {
+        firstCandidate_ = auditSeconds_;
     }
-    std::string& out = output_.text();
-    if (explaining) {
-        if (rowWanted) {
-            appendRow(out, sourceText(), verdict.reason, isEvent ? verdict.event : verdict.detail);
-        }
-    } else if (isEvent) {
-        appendEvent(out, verdict, line);
+    if (candidates_ == 0 || auditSeconds_ > lastCandidate_) {
+        lastCandidate_ = auditSeconds_;
     }
-    output_.written();
+    ++candidates_;
+    const std::string_view time = std::string_view(verdict.event).substr(0, EventLine::TIME_LENGTH);
+    if (!eventLogs_.contains(verdict.record.containerId, verdict.record.path, time)) {
+        return LineJudge::Reason::EVENT;
+    }
+    ++matched_;
+    return LineJudge::Reason::PRESENT;
 }
 
-void ConvertRun::appendRow(std::string& out, const std::string& source, LineJudge::Reason reason,
-                           const std::string& detail) {
+bool ConvertRun::deliver(const LineJudge::Verdict& verdict, const std::string& line) {
+    LineJudge::Reason reason = verdict.reason;
+    if (reason == LineJudge::Reason::EVENT && reconciling_) {
+        reason = reconciled(verdict);
+    }
+    summary_.count(reason);
     const bool isEvent = reason == LineJudge::Reason::EVENT;
-    FieldEscaper::appendTabField(out, source);
+    std::string& out = output_.text();
+    if (explaining_) {
+        if (isEvent && options_.explain != ConvertOptions::Explain::ALL) {
+            return true;
+        }
+        const bool showsEvent = isEvent || reason == LineJudge::Reason::PRESENT;
+        appendRow(out, reason, showsEvent ? verdict.event : verdict.detail);
+    } else if (isEvent) {
+        appendEvent(out, verdict, line);
+    } else {
+        return true;
+    }
+    output_.written();
+    return !output_.failed();
+}
+
+void ConvertRun::appendRow(std::string& out, LineJudge::Reason reason, const std::string& detail) {
+    const bool isEvent = reason == LineJudge::Reason::EVENT;
+    if (options_.format == ConvertOptions::Format::JSON) {
+        out += '{';
+        appendJsonField(out, "source", sourceText());
+        out += isEvent ? ",\"verdict\":\"event\",\"reason\":null,"
+                       : ",\"verdict\":\"skip\",\"reason\":\"";
+        if (!isEvent) {
+            out += LineJudge::reasonName(reason);
+            out += "\",";
+        }
+        appendJsonField(out, "detail", detail);
+        out += "}\n";
+        return;
+    }
+    FieldEscaper::appendTabField(out, sourceText());
     out += isEvent ? "\tevent\t" : "\tskip\t";
     out += LineJudge::reasonName(reason);
     out += '\t';
@@ -344,55 +429,23 @@ void ConvertRun::appendEvent(std::string& out, const LineJudge::Verdict& verdict
     out += "}\n";
 }
 
-void ConvertRun::reconcile() {
-    // The event logs are streamed against the candidates: only the keys of
-    // this run's events are held, however large the archive.
-    std::string key;
-    for (const std::string& name : options_.eventLogs) {
-        InputStream input(name);
-        if (!input.open()) {
-            reportError(input.error());
-            continue;
-        }
-        LineSource source(input, 0, 1, true);
-        const bool complete = source.run([this, &key](const LineSource::Line& line) {
-            EventLine::Fields fields;
-            if (EventLine::parse(std::string_view(line.text, line.length), fields)) {
-                EventLine::composeKey(key, fields.containerId, fields.path, fields.time);
-                const auto found = candidates_.find(key);
-                if (found != candidates_.end()) {
-                    found->second = true;
-                }
-            }
-            return true;
-        });
-        if (!complete) {
-            reportError(input.error());
-        }
+void ConvertRun::checkUnmatched() {
+    // Events of the same time in the event logs, yet not one key in common:
+    // the logs were written under another zone (the time text differs) or on
+    // another host, and every event here would be backfilled a second time.
+    if (candidates_ == 0 || matched_ > 0 ||
+        !eventLogs_.holdsTimeBetween(firstCandidate_, lastCandidate_)) {
+        return;
     }
-    const bool explaining = options_.explain != ConvertOptions::Explain::NONE;
-    for (Pending& pending : pending_) {
-        const bool present = !pending.key.empty() && candidates_[pending.key];
-        if (present) {
-            summary_.uncount(LineJudge::Reason::EVENT);
-            summary_.count(LineJudge::Reason::PRESENT);
-            if (explaining) {
-                appendRow(output_.text(), pending.source, LineJudge::Reason::PRESENT,
-                          pending.event);
-            }
-        } else if (!pending.key.empty() && explaining &&
-                   options_.explain != ConvertOptions::Explain::ALL) {
-            // An event row was kept only in case it turned into a "present" row.
-        } else {
-            output_.text() += pending.row;
-        }
-        output_.written();
-    }
-    pending_.clear();
+    unmatched_ = true;
+    note("--reconcile: none of the " + std::to_string(candidates_) +
+         " events matched an event log line, although the event logs hold events of the same "
+         "time; were they written under another TZ or on another host? Reconcile under the "
+         "writer's TZ (see qirn-log-convert(1))");
 }
 
 void ConvertRun::reportStray() {
     for (const std::string& message : judge_.takeStrayLines()) {
-        writeText(errorFd_, PROGRAM + sourceText() + ": converter: " + message + "\n");
+        note(sourceText() + ": converter: " + message);
     }
 }

@@ -1,15 +1,17 @@
 #pragma once
-// One run of qirn-log-convert: reads the inputs in order, judges every line
-// with the service's converter, and writes events, explanations or only the
-// events missing from the given event logs, then the summary.
+// One run of qirn-log-convert: reads the event logs to reconcile against in
+// full, then the inputs in order, judges every line with the service's
+// converter, and writes events, explanations or only the events missing from
+// the event logs, then the summary.
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "convert/Checkpoint.h"
 #include "convert/ConvertOptions.h"
+#include "convert/EventLogIndex.h"
 #include "convert/LineJudge.h"
 #include "convert/LineSource.h"
 #include "convert/OutputBuffer.h"
@@ -21,6 +23,8 @@ public:
     static constexpr int EXIT_NO_EVENT = 1;
     static constexpr int EXIT_ERROR = 2;
     static constexpr int EXIT_STRICT = 3;
+    // Reconcile matched nothing although the event logs cover the same time.
+    static constexpr int EXIT_UNMATCHED = 4;
 
     ConvertRun(const ConvertOptions& options, int outputFd, int errorFd);
 
@@ -29,15 +33,9 @@ public:
     const Summary& summary() const { return summary_; }
 
 private:
-    // An event held back until the event logs were read, or a row held back
-    // with it so that rows stay in input order.
-    struct Pending {
-        std::string row;     // explanation row or output text, ready to write
-        std::string key;     // empty when this is not a candidate event
-        std::string event;   // the event line, for the "present" row
-        std::string source;  // FILE:LINE
-    };
-
+    // Checks made before anything is read or written.
+    bool checkCheckpointInputs();
+    bool readEventLogs();
     void convertInput(const std::string& name, Checkpoint* checkpoint);
     // Inlined into the line loop: most lines are settled right there.
     [[gnu::always_inline]] inline bool handleLine(const LineSource::Line& line);
@@ -52,12 +50,15 @@ private:
     bool outOfRange(const std::string& line, bool& tooNew, std::string& detail);
     // FILE:LINE of the line being handled.
     std::string sourceText() const;
-    void deliver(const LineJudge::Verdict& verdict, const std::string& line);
-    void appendRow(std::string& out, const std::string& source, LineJudge::Reason reason,
-                   const std::string& detail);
+    // Writes what the verdict calls for; false once the output has failed.
+    bool deliver(const LineJudge::Verdict& verdict, const std::string& line);
+    // An event found in the event logs becomes PRESENT.
+    LineJudge::Reason reconciled(const LineJudge::Verdict& verdict);
+    void appendRow(std::string& out, LineJudge::Reason reason, const std::string& detail);
     void appendEvent(std::string& out, const LineJudge::Verdict& verdict, const std::string& line);
-    void reconcile();
+    void checkUnmatched();
     void reportError(const std::string& message);
+    void note(const std::string& message);
     void reportStray();
     int exitStatus() const;
 
@@ -67,7 +68,6 @@ private:
     LineJudge judge_;
     Summary summary_;
     bool reconciling_;
-    bool holdBack_;  // rows wait for the event logs
     bool useRange_;  // some bound on the audit time applies
     bool hasLowerBound_;
     int64_t lowerBound_;
@@ -77,9 +77,17 @@ private:
     bool settling_;
     bool stopAtTooNew_;  // with a checkpoint: the file stops before such a record
     bool ioError_;
+    bool unmatched_;
     bool explaining_;  // rows instead of events
-    std::vector<Pending> pending_;
-    std::unordered_map<std::string, bool> candidates_;  // key -> found in an event log
+    EventLogIndex eventLogs_;
+    uint64_t candidates_ = 0;  // events looked up in the event logs
+    uint64_t matched_ = 0;
+    int64_t auditSeconds_ = 0;  // of the record outOfRange last looked at
+    int64_t firstCandidate_ = 0;
+    int64_t lastCandidate_ = 0;
+    // Device and inode of each regular file converted, so that a file named
+    // twice is converted once.
+    std::vector<std::pair<uint64_t, uint64_t>> converted_;
     std::string sourceName_;
     uint64_t lineNumber_ = 0;
     std::string lineText_;

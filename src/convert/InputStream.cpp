@@ -67,6 +67,12 @@ bool InputStream::open() {
             return fail("cannot start decompression", ENOMEM);
         }
         gzbuffer(static_cast<gzFile>(gz_), 1u << 17);
+        // zlib would pass anything else through as it is; a ".gz" that is
+        // not gzip data is a damaged file, not a plain one.
+        if (gzdirect(static_cast<gzFile>(gz_)) != 0) {
+            error_ = name_ + ": cannot decompress: not in gzip format";
+            return false;
+        }
     }
     return true;
 }
@@ -97,12 +103,12 @@ bool InputStream::skipTo(int64_t offset) {
 
 ssize_t InputStream::read(char* buffer, std::size_t size) {
     if (gz_ != nullptr) {
-        const int got = gzread(static_cast<gzFile>(gz_), buffer,
-                               static_cast<unsigned>(size < MAX_GZ_READ ? size : MAX_GZ_READ));
-        if (got < 0) {
-            int code = 0;
-            const char* text = gzerror(static_cast<gzFile>(gz_), &code);
-            error_ = name_ + ": cannot decompress: " + (text != nullptr ? text : "error");
+        const auto gz = static_cast<gzFile>(gz_);
+        const int got =
+            gzread(gz, buffer, static_cast<unsigned>(size < MAX_GZ_READ ? size : MAX_GZ_READ));
+        // zlib answers 0 at a clean end and at an early one alike; only its
+        // error state tells them apart.
+        if (got <= 0 && !decompressionEndedCleanly(got)) {
             return -1;
         }
         return got;
@@ -117,4 +123,22 @@ ssize_t InputStream::read(char* buffer, std::size_t size) {
         }
         return got;
     }
+}
+
+bool InputStream::decompressionEndedCleanly(int got) {
+    int code = Z_OK;
+    const char* text = gzerror(static_cast<gzFile>(gz_), &code);
+    if (got == 0 && code == Z_OK) {
+        return true;
+    }
+    if (code == Z_ERRNO) {
+        return fail("cannot read", errno);
+    }
+    if (code == Z_BUF_ERROR) {
+        error_ = name_ + ": cannot decompress: unexpected end of file (the file is truncated)";
+    } else {
+        error_ =
+            name_ + ": cannot decompress: " + (text != nullptr && *text != '\0' ? text : "error");
+    }
+    return false;
 }

@@ -30,6 +30,7 @@ public:
     // Skips to `offset` bytes of the (decompressed) content; false on failure.
     bool skipTo(int64_t offset);
     // Bytes read into `buffer`, 0 at the end, -1 on an error (see error()).
+    // Compressed data that ends early or fails its check is an error.
     ssize_t read(char* buffer, std::size_t size);
     const std::string& error() const { return error_; }
     const std::string& name() const { return name_; }
@@ -39,6 +40,9 @@ public:
 
 private:
     bool fail(const std::string& what, int error);
+    // After a gzread that gave `got` <= 0: true at the real end of the data,
+    // false with error() set when the data ended early or is corrupt.
+    bool decompressionEndedCleanly(int got);
 
     std::string name_;
     int fd_;

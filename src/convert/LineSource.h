@@ -10,6 +10,7 @@
 
 #include "convert/InputStream.h"
 #include "reader/LineCutter.h"
+#include "reader/LogReader.h"
 
 class LineSource {
 public:
@@ -18,7 +19,7 @@ public:
     // it (4 MiB is slower again).
     static constexpr std::size_t BLOCK_SIZE = 1u << 20;
     // The most the service reads in one poll; a longer line is not held.
-    static constexpr std::size_t MAX_LINE_SIZE = 10485760;
+    static constexpr std::size_t MAX_LINE_SIZE = static_cast<std::size_t>(LogReader::MAX_READ_SIZE);
 
     struct Line {
         const char* text;  // up to the first zero byte, without the newline

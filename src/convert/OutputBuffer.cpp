@@ -1,31 +1,35 @@
 #include "convert/OutputBuffer.h"
 
-#include <unistd.h>
+#include <algorithm>
 
-#include <cerrno>
+#include "convert/Descriptor.h"
 
-OutputBuffer::OutputBuffer(int fd) : fd_(fd), error_(0) { pending_.reserve(FLUSH_SIZE * 2); }
+OutputBuffer::OutputBuffer(int fd) : fd_(fd), pendingLines_(0), linesOut_(0), error_(0) {
+    pending_.reserve(FLUSH_SIZE * 2);
+}
 
 OutputBuffer::~OutputBuffer() { flush(); }
 
 void OutputBuffer::written() {
+    ++pendingLines_;
     if (pending_.size() >= FLUSH_SIZE) {
         flush();
     }
 }
 
 bool OutputBuffer::flush() {
-    std::size_t done = 0;
-    while (done < pending_.size() && error_ == 0) {
-        const ssize_t wrote = write(fd_, pending_.data() + done, pending_.size() - done);
-        if (wrote < 0) {
-            if (errno != EINTR) {
-                error_ = errno;
-            }
-            continue;
+    if (error_ == 0 && !pending_.empty()) {
+        std::size_t done = 0;
+        error_ = Descriptor::writeAll(fd_, pending_, done);
+        if (error_ == 0) {
+            linesOut_ += pendingLines_;
+        } else {
+            // Every line ends in a newline: those before the failure are out.
+            linesOut_ += static_cast<uint64_t>(std::count(
+                pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(done), '\n'));
         }
-        done += static_cast<std::size_t>(wrote);
     }
     pending_.clear();
+    pendingLines_ = 0;
     return error_ == 0;
 }

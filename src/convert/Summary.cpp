@@ -11,10 +11,20 @@ constexpr std::size_t COLUMN_GAP = 2;
 
 }  // namespace
 
+void Summary::outputFailed(uint64_t linesOut) {
+    outputFailed_ = true;
+    linesOut_ = linesOut;
+}
+
 std::string Summary::render() const {
     std::vector<std::pair<std::string, uint64_t>> rows;
     rows.emplace_back("lines read", linesRead_);
-    rows.emplace_back("events written", events());
+    // Each event is one line of output, so the lines that got out are the
+    // events that did.
+    rows.emplace_back("events written", outputFailed_ ? std::min(linesOut_, events()) : events());
+    if (outputFailed_) {
+        rows.emplace_back("events not written", events() - std::min(linesOut_, events()));
+    }
     uint64_t skipped = 0;
     for (std::size_t i = 0; i < LineJudge::REASON_COUNT; ++i) {
         if (i != static_cast<std::size_t>(LineJudge::Reason::EVENT)) {
@@ -41,6 +51,9 @@ std::string Summary::render() const {
         text.append(labelWidth - label.size() + COLUMN_GAP + numberWidth - number.size(), ' ');
         text += number;
         text += '\n';
+    }
+    if (outputFailed_) {
+        text += "output failed after " + std::to_string(linesOut_) + " lines\n";
     }
     return text;
 }

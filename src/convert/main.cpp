@@ -10,12 +10,6 @@
 #include "convert/ConvertOptions.h"
 #include "convert/ConvertRun.h"
 
-namespace {
-
-constexpr const char* VERSION_TEXT = "qirn-log-convert 1.0.0\n";
-
-}  // namespace
-
 int main(int argc, char** argv) {
     // Converted times follow TZ exactly as the service's do.
     tzset();
@@ -25,7 +19,7 @@ int main(int argc, char** argv) {
             std::cout << ConvertOptions::usage();
             return ConvertRun::EXIT_DONE;
         case ConvertOptions::Outcome::VERSION:
-            std::cout << VERSION_TEXT;
+            std::cout << "qirn-log-convert " << QLC_VERSION << "\n";
             return ConvertRun::EXIT_DONE;
         case ConvertOptions::Outcome::USAGE_ERROR:
             std::cerr << "qirn-log-convert: " << options.error() << "\n"
