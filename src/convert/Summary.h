@@ -10,7 +10,6 @@
 class Summary {
 public:
     void count(LineJudge::Reason reason) { ++counts_[static_cast<std::size_t>(reason)]; }
-    void uncount(LineJudge::Reason reason) { --counts_[static_cast<std::size_t>(reason)]; }
     void lineRead() { ++linesRead_; }
     uint64_t countOf(LineJudge::Reason reason) const {
         return counts_[static_cast<std::size_t>(reason)];

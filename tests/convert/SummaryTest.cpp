@@ -20,12 +20,17 @@ TEST(SummaryTest, CountsAreAlignedAndOnlyReasonsThatOccurredAreListed) {
               "  duplicate       10\n");
 }
 
-TEST(SummaryTest, PresentEventIsMovedFromEventsToItsReason) {
+TEST(SummaryTest, AfterAnOutputFailureOnlyTheLinesThatGotOutCountAsWritten) {
     Summary summary;
-    summary.lineRead();
-    summary.count(LineJudge::Reason::EVENT);
-    summary.uncount(LineJudge::Reason::EVENT);
-    summary.count(LineJudge::Reason::PRESENT);
-    EXPECT_EQ(summary.events(), 0u);
-    EXPECT_EQ(summary.countOf(LineJudge::Reason::PRESENT), 1u);
+    for (int i = 0; i < 5; ++i) {
+        summary.lineRead();
+        summary.count(LineJudge::Reason::EVENT);
+    }
+    summary.outputFailed(2);
+    EXPECT_EQ(summary.render(),
+              "lines read          5\n"
+              "events written      2\n"
+              "events not written  3\n"
+              "lines skipped       0\n"
+              "output failed after 2 lines\n");
 }
