@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdlib>
@@ -70,6 +71,22 @@ std::string optionName(const struct option* options, int value) {
         }
     }
     return std::string("-") + static_cast<char>(value);
+}
+
+// Options whose value one run can use only once; --reconcile adds up, and a
+// flag given twice means what it means once.
+bool takesOneValue(int option) {
+    switch (option) {
+        case OPTION_EXPLAIN:
+        case OPTION_FORMAT:
+        case OPTION_SINCE:
+        case OPTION_UNTIL:
+        case OPTION_SETTLE:
+        case OPTION_CHECKPOINT:
+            return true;
+        default:
+            return false;
+    }
 }
 
 // What getopt refused, named as the user wrote it.
@@ -181,6 +198,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
         {"version", no_argument, nullptr, OPTION_VERSION},
         {nullptr, 0, nullptr, 0},
     };
+    std::vector<int> given;
     optind = 0;  // also resets getopt's state, so that parse can run again
     opterr = 0;
     for (;;) {
@@ -190,6 +208,14 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
             break;
         }
         const std::string value = optarg != nullptr ? optarg : "";
+        // A second value would silently replace the first.
+        if (takesOneValue(option)) {
+            if (std::find(given.begin(), given.end(), option) != given.end()) {
+                fail(optionName(LONG_OPTIONS, option) + " given twice");
+                return Outcome::USAGE_ERROR;
+            }
+            given.push_back(option);
+        }
         switch (option) {
             case OPTION_EXPLAIN:
                 if (optarg == nullptr || value == "skipped") {

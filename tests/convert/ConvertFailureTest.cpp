@@ -222,6 +222,8 @@ TEST(ConvertFailureTest, UsageErrorsNameTheArgumentAtFault) {
         {{"--reconcile"}, "--reconcile needs a value"},
         {{"--strict=yes"}, "--strict takes no value, not '--strict=yes'"},
         {{"--settle", "soon"}, "--settle takes a number of seconds, not 'soon'"},
+        {{"--checkpoint", "a", "--checkpoint", "b"}, "--checkpoint given twice"},
+        {{"--format=json", "--format=line"}, "--format given twice"},
     };
     for (const auto& [args, message] : cases) {
         const CommandResult result = runConvert(args);
