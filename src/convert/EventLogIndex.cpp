@@ -18,7 +18,7 @@ constexpr uint32_t HOURS_PER_DAY = 24;
 constexpr uint32_t SECONDS_PER_HOUR = 3600;
 constexpr uint32_t SECONDS_PER_MINUTE = 60;
 // Beyond this span every time of a year lies inside it.
-constexpr int64_t SECONDS_PER_LEAP_YEAR = 366 * 24 * 3600;
+constexpr int64_t SECONDS_PER_LEAP_YEAR = int64_t{366} * 24 * 3600;
 
 bool twoDigits(std::string_view text, std::size_t at, uint32_t& value) {
     const char high = text[at];
@@ -52,7 +52,7 @@ bool EventLogIndex::timeOrdinal(std::string_view time, uint32_t& ordinal) {
         time[9] != ':' || time[12] != ':') {
         return false;
     }
-    const auto month = std::find(MONTHS.begin(), MONTHS.end(), time.substr(0, 3));
+    const auto* const month = std::find(MONTHS.begin(), MONTHS.end(), time.substr(0, 3));
     uint32_t day = 0;
     uint32_t hour = 0;
     uint32_t minute = 0;

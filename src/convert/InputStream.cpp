@@ -103,7 +103,7 @@ bool InputStream::skipTo(int64_t offset) {
 
 ssize_t InputStream::read(char* buffer, std::size_t size) {
     if (gz_ != nullptr) {
-        const auto gz = static_cast<gzFile>(gz_);
+        auto* const gz = static_cast<gzFile>(gz_);
         const int got =
             gzread(gz, buffer, static_cast<unsigned>(size < MAX_GZ_READ ? size : MAX_GZ_READ));
         // zlib answers 0 at a clean end and at an early one alike; only its
