@@ -173,3 +173,41 @@ TEST_F(ReconcileTest, LinesBeyondTenThousandInOneReadAreBackfilled) {
 
     EXPECT_EQ(reconcileAndCheck(), OVER_READ_LIMIT - 10000);
 }
+
+// The service writes its event log under its own zone; reconciled under
+// another, nothing matches although the logs cover the same hours: the
+// command says so and exits 4 rather than passing every event off as
+// missing. Under the service's zone nothing is missing.
+TEST(ReconcileZoneTest, EventLogOfAnotherZoneIsReportedAndItsOwnZoneMatches) {
+    ServiceRunner runner;
+    writeFile(runner.inputPath(), "");
+    ServiceOptions options;
+    options.tz = "Asia/Tokyo";
+    runner.start(options);
+    ASSERT_TRUE(runner.waitForDiag("Monitor thread started for ", seconds(15)))
+        << runner.stderrText();
+    // One event a minute over twelve hours: longer than the zones are apart.
+    constexpr std::size_t EVENTS = 720;
+    constexpr int64_t MINUTE = 60;
+    std::vector<std::string> lines;
+    for (std::size_t i = 0; i < EVENTS; ++i) {
+        lines.push_back(
+            avcLine(BASE_TIME + static_cast<int64_t>(i) * MINUTE, "c1", "/z/" + std::to_string(i)));
+    }
+    appendLines(runner.inputPath(), lines);
+    ASSERT_TRUE(
+        waitUntil([&] { return readLines(runner.outputPath()).size() >= EVENTS; }, seconds(30)));
+    runner.stop();
+
+    const std::vector<std::string> args{"--quiet", "--reconcile", runner.outputPath(),
+                                        runner.inputPath()};
+    const CommandResult elsewhere = runConvert(args);
+    EXPECT_EQ(elsewhere.exitCode, 4);
+    EXPECT_NE(elsewhere.stderrText.find("none of the 720 events matched an event log line"),
+              std::string::npos)
+        << elsewhere.stderrText;
+    const CommandResult here = runConvert(args, "", {{"TZ", "Asia/Tokyo"}});
+    EXPECT_EQ(here.exitCode, 0) << here.stderrText;
+    EXPECT_EQ(here.stdoutText, "");
+    EXPECT_EQ(here.stderrText, "");
+}

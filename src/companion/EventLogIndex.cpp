@@ -1,0 +1,125 @@
+#include "companion/EventLogIndex.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+#include "common/EventLine.h"
+#include "companion/InputStream.h"
+#include "companion/LineSource.h"
+
+namespace {
+
+// strftime's %b in the C locale, as the converter writes it.
+constexpr std::array<std::string_view, 12> MONTHS = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr uint32_t DAYS_PER_MONTH_SLOT = 32;
+constexpr uint32_t HOURS_PER_DAY = 24;
+constexpr uint32_t SECONDS_PER_HOUR = 3600;
+constexpr uint32_t SECONDS_PER_MINUTE = 60;
+// Beyond this span every time of a year lies inside it.
+constexpr int64_t SECONDS_PER_LEAP_YEAR = int64_t{366} * 24 * 3600;
+
+bool twoDigits(std::string_view text, std::size_t at, uint32_t& value) {
+    const char high = text[at];
+    const char low = text[at + 1];
+    if (high < '0' || high > '9' || low < '0' || low > '9') {
+        return false;
+    }
+    value = static_cast<uint32_t>((high - '0') * 10 + (low - '0'));
+    return true;
+}
+
+uint32_t ordinalOf(uint32_t month, uint32_t day, uint32_t hour, uint32_t minute, uint32_t second) {
+    return ((month * DAYS_PER_MONTH_SLOT + day) * HOURS_PER_DAY + hour) * SECONDS_PER_HOUR +
+           minute * SECONDS_PER_MINUTE + second;
+}
+
+uint32_t localOrdinal(int64_t seconds) {
+    const time_t when = static_cast<time_t>(seconds);
+    struct tm local {};
+    localtime_r(&when, &local);
+    return ordinalOf(static_cast<uint32_t>(local.tm_mon), static_cast<uint32_t>(local.tm_mday),
+                     static_cast<uint32_t>(local.tm_hour), static_cast<uint32_t>(local.tm_min),
+                     static_cast<uint32_t>(local.tm_sec));
+}
+
+}  // namespace
+
+bool EventLogIndex::timeOrdinal(std::string_view time, uint32_t& ordinal) {
+    // "Mmm dd HH:MM:SS"
+    if (time.size() != EventLine::TIME_LENGTH || time[3] != ' ' || time[6] != ' ' ||
+        time[9] != ':' || time[12] != ':') {
+        return false;
+    }
+    const auto* const month = std::find(MONTHS.begin(), MONTHS.end(), time.substr(0, 3));
+    uint32_t day = 0;
+    uint32_t hour = 0;
+    uint32_t minute = 0;
+    uint32_t second = 0;
+    if (month == MONTHS.end() || !twoDigits(time, 4, day) || !twoDigits(time, 7, hour) ||
+        !twoDigits(time, 10, minute) || !twoDigits(time, 13, second)) {
+        return false;
+    }
+    ordinal = ordinalOf(static_cast<uint32_t>(month - MONTHS.begin()), day, hour, minute, second);
+    return true;
+}
+
+bool EventLogIndex::read(const std::string& name, std::string& error) {
+    InputStream input(name);
+    if (!input.open()) {
+        error = input.error();
+        return false;
+    }
+    LineSource source(input, 0, 1, true);
+    if (!source.run([this](const LineSource::Line& line) {
+            add(std::string_view(line.text, line.length));
+            return true;
+        })) {
+        error = input.error();
+        return false;
+    }
+    return true;
+}
+
+void EventLogIndex::add(std::string_view line) {
+    EventLine::Fields fields;
+    if (!EventLine::parse(line, fields)) {
+        return;
+    }
+    ++events_;
+    EventLine::composeKey(key_, fields.containerId, fields.path, fields.time);
+    keys_.insert(digest_.of(key_));
+    uint32_t ordinal = 0;
+    if (timeOrdinal(fields.time, ordinal) && (times_.empty() || times_.back() != ordinal)) {
+        times_.push_back(ordinal);
+        timesSorted_ = false;
+    }
+}
+
+bool EventLogIndex::contains(std::string_view containerId, std::string_view path,
+                             std::string_view time) {
+    EventLine::composeKey(key_, containerId, path, time);
+    return keys_.contains(digest_.of(key_));
+}
+
+bool EventLogIndex::holdsTimeBetween(int64_t from, int64_t to) {
+    if (times_.empty() || from > to) {
+        return false;
+    }
+    if (to - from >= SECONDS_PER_LEAP_YEAR) {
+        return true;
+    }
+    if (!timesSorted_) {
+        std::sort(times_.begin(), times_.end());
+        timesSorted_ = true;
+    }
+    const uint32_t first = localOrdinal(from);
+    const uint32_t last = localOrdinal(to);
+    if (first <= last) {
+        const auto at = std::lower_bound(times_.begin(), times_.end(), first);
+        return at != times_.end() && *at <= last;
+    }
+    // Across the turn of a year: from `first` to December, or January to `last`.
+    return times_.back() >= first || times_.front() <= last;
+}
