@@ -390,15 +390,7 @@ void ConvertRun::appendEvent(std::string& out, const LineJudge::Verdict& verdict
         out += '\n';
         return;
     }
-    // The words are read back from the line the converter composed, at the
-    // places its fields put them.
     const LogConverter::ParseResult& record = verdict.record;
-    const std::string& event = verdict.event;
-    const std::size_t eventStart = record.timestamp.size() + EventLine::CONTAINER_MARKER.size() +
-                                   record.containerId.size() + EventLine::EVENT_MARKER.size();
-    const std::size_t eventEnd = event.find(EventLine::PATH_MARKER, eventStart);
-    const std::size_t statusStart =
-        event.rfind(EventLine::STATUS_MARKER) + EventLine::STATUS_MARKER.size();
     const LogConverter::AuditStamp stamp = LogConverter::findAuditStamp(line);
 
     out += "{\"time\":";
@@ -406,12 +398,11 @@ void ConvertRun::appendEvent(std::string& out, const LineJudge::Verdict& verdict
     out += ",\"container_id\":";
     const bool containerValid = FieldEscaper::appendJsonString(out, record.containerId);
     out += ",\"event\":";
-    FieldEscaper::appendJsonString(
-        out, std::string_view(event).substr(eventStart, eventEnd - eventStart));
+    FieldEscaper::appendJsonString(out, LogConverter::eventWord(record.eventType));
     out += ",\"path\":";
     const bool pathValid = FieldEscaper::appendJsonString(out, record.path);
     out += ",\"status\":";
-    FieldEscaper::appendJsonString(out, std::string_view(event).substr(statusStart));
+    FieldEscaper::appendJsonString(out, LogConverter::statusWord(record.statusType));
     out += ",\"audit_seconds\":";
     out += std::to_string(stamp.seconds);
     out += ",\"serial\":";

@@ -346,9 +346,6 @@ std::string_view wordOf(Value value, const std::array<std::string_view, COUNT>& 
     return index >= 1 && index <= COUNT ? words[index - 1] : std::string_view();
 }
 
-std::string_view eventWord(EventType event) { return wordOf(event, EventLine::EVENT_WORDS); }
-std::string_view statusWord(StatusType status) { return wordOf(status, EventLine::STATUS_WORDS); }
-
 // The status of a decision word: the first entry whose part the word
 // contains, compared as if lower-cased. `usual` is the whole word as audit
 // records carry it, which settles the word without a search.
@@ -407,6 +404,14 @@ const Decision* decide(std::string_view rest, std::string_view& word) {
 bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
+
+std::string_view LogConverter::eventWord(EventType event) {
+    return wordOf(event, EventLine::EVENT_WORDS);
+}
+
+std::string_view LogConverter::statusWord(StatusType status) {
+    return wordOf(status, EventLine::STATUS_WORDS);
+}
 
 EventType LogConverter::determineEventType(const std::string& type,
                                            const std::string& operation) const {

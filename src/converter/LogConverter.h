@@ -123,6 +123,9 @@ public:
     std::string generateLogHash(const ParseResult& result) const;
     EventType determineEventType(const std::string& type, const std::string& operation) const;
     StatusType determineStatusType(const std::string& line) const;
+    // The words an event line gives each classification; empty for UNKNOWN.
+    static std::string_view eventWord(EventType event);
+    static std::string_view statusWord(StatusType status);
 
 private:
     // Private so that getInstance is the only way to reach the cache.
