@@ -58,6 +58,7 @@ std::string randomBytes(size_t size, uint32_t seed) {
 class HostileInputTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
         writeFile(runner_.inputPath(), "");
         runner_.start();
         ASSERT_TRUE(runner_.waitUntilMonitoring(seconds(30))) << runner_.stderrText();

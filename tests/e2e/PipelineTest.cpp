@@ -31,6 +31,8 @@ std::string expectedLine(const std::string& time, const std::string& container,
 
 class PipelineTest : public ::testing::Test {
 protected:
+    void SetUp() override { QLC_SKIP_WITHOUT_PRIVATE_MOUNTS(); }
+
     // Starts the service with its defaults on an existing, empty input file.
     void startService(const ServiceOptions& options = ServiceOptions()) {
         writeFile(runner_.inputPath(), "");

@@ -29,6 +29,7 @@ constexpr std::size_t OVER_READ_LIMIT = 12000;
 class ReconcileTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
         writeFile(runner_.inputPath(), "");
         startService();
     }

@@ -64,6 +64,8 @@ long countLine(const std::vector<std::string>& lines, const std::string& line) {
 
 class StartupTest : public ::testing::Test {
 protected:
+    void SetUp() override { QLC_SKIP_WITHOUT_PRIVATE_MOUNTS(); }
+
     // Starts the service on an existing, empty input file, so that it
     // follows it at once, and waits until it reports that it is running.
     void startService(const ServiceOptions& options = ServiceOptions()) {

@@ -244,6 +244,7 @@ RoundResult runOneRound(int round) {
 }
 
 TEST(StopUnderLoadTest, SigtermWhileLinesStreamInEndsCleanlyEveryTime) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const int rounds = roundsToRun();
     std::atomic<int> nextRound{0};
     std::mutex resultsMutex;

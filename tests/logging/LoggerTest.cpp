@@ -265,6 +265,7 @@ TEST_F(LoggerTest, InitInAMissingDirectoryCreatesItAndReportsOpenedExisting) {
 }
 
 TEST_F(LoggerTest, InitOnAPathWithoutSlashRunsNoMkdir) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const PrivateRootResult result = runInPrivateRoot([] {
         recordMkdirCalls();
         mkdir("/qlc-work", 0755);
@@ -283,6 +284,7 @@ TEST_F(LoggerTest, InitOnAPathWithoutSlashRunsNoMkdir) {
 }
 
 TEST_F(LoggerTest, InitOnAPathWhoseOnlySlashIsFirstRunsMkdirWithNoDirectory) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const PrivateRootResult result = runInPrivateRoot([] {
         recordMkdirCalls();
         Logger::getInstance().init("/qlc-diag.log", false);
@@ -314,6 +316,7 @@ TEST_F(LoggerTest, InitOnADirectoryPathReportsTheOpenErrorOnStandardError) {
 }
 
 TEST_F(LoggerTest, InitUnderAReadOnlyLocationReportsTheOpenErrorOnStandardError) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const PrivateRootResult result = runInPrivateRoot([] {
         mkdir("/qlc-ro", 0755);
         if (mount("tmpfs", "/qlc-ro", "tmpfs", MS_RDONLY, "mode=0755") != 0) return 2;
@@ -351,6 +354,7 @@ TEST_F(LoggerTest, LinesAfterAFailedOpenGoToStandardErrorWithClosedFileSuffix) {
 }
 
 TEST_F(LoggerTest, LinesUnderAReadOnlyLocationGoToStandardErrorWithClosedFileSuffix) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const PrivateRootResult result = runInPrivateRoot([] {
         mkdir("/qlc-ro", 0755);
         if (mount("tmpfs", "/qlc-ro", "tmpfs", MS_RDONLY, "mode=0755") != 0) return 2;

@@ -1,15 +1,11 @@
 #!/usr/bin/env bash
 # cmake --install into a temporary DESTDIR lays out exactly the expected files,
 # with /etc absolute whatever the prefix and ExecStart naming the installed
-# binary.
+# binary. The units and the changelog and copyright go where this build was
+# configured to put them (the package build: /lib/systemd/system, and no
+# changelog or copyright, which debhelper installs).
 source "$(dirname "$0")/lib.sh"
 
-# debian/rules configures the build for the package (unit in /lib, no
-# changelog and copyright); the plain layout is checked in other builds.
-if grep -qE '^(QLC_INSTALL_SYSTEMDUNITDIR:PATH=/lib/systemd/system|QLC_INSTALL_PACKAGE_DOCS:BOOL=OFF)$' \
-        "$QLC_BUILD_DIR/CMakeCache.txt"; then
-    skip "the build is configured for the Debian package"
-fi
 make_scratch
 
 # Lists "mode path" for every file and link below $1, sorted.
@@ -18,19 +14,25 @@ tree_of() {
 }
 
 check_tree() {
-    local root=$1 prefix=$2 expected actual
-    expected=$(sort -k2 <<EOF
+    local root=$1 prefix=$2 expected actual units docs
+    units=$(unit_dir_of "" "$prefix")
+    units=${units#/}
+    docs=""
+    if [ "$QLC_PACKAGE_DOCS" = 1 ]; then
+        docs="644 ${prefix#/}/share/doc/qirn-log-converter/copyright
+644 ${prefix#/}/share/doc/qirn-log-converter/changelog.gz"
+    fi
+    expected=$(grep -v '^$' <<EOF | sort -k2
 644 etc/logrotate.d/qirn-log-converter
 644 etc/qirn/qirn-log-converter.conf
 755 ${prefix#/}/sbin/qirn-log-converter
 755 ${prefix#/}/bin/qirn-log-convert
-644 ${prefix#/}/lib/systemd/system/qirn-log-converter.service
-644 ${prefix#/}/lib/systemd/system/qirn-log-reconcile.service
-644 ${prefix#/}/lib/systemd/system/qirn-log-reconcile.timer
+644 $units/qirn-log-converter.service
+644 $units/qirn-log-reconcile.service
+644 $units/qirn-log-reconcile.timer
 644 ${prefix#/}/share/man/man8/qirn-log-converter.8.gz
 644 ${prefix#/}/share/man/man1/qirn-log-convert.1.gz
-644 ${prefix#/}/share/doc/qirn-log-converter/copyright
-644 ${prefix#/}/share/doc/qirn-log-converter/changelog.gz
+$docs
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/README.md
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-tls.conf
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector.conf
@@ -48,13 +50,13 @@ EOF
         fail "installed tree for prefix $prefix differs (< expected, > installed)"
     fi
 
-    local unit="$root${prefix}/lib/systemd/system/qirn-log-converter.service"
+    local unit="$root/$units/qirn-log-converter.service"
     grep -qx "ExecStart=${prefix}/sbin/qirn-log-converter" "$unit" ||
         fail "ExecStart of $unit does not name ${prefix}/sbin/qirn-log-converter"
-    local reconcile="$root${prefix}/lib/systemd/system/qirn-log-reconcile.service"
+    local reconcile="$root/$units/qirn-log-reconcile.service"
     grep -q "exec ${prefix}/bin/qirn-log-convert " "$reconcile" ||
         fail "the reconcile unit of $reconcile does not run ${prefix}/bin/qirn-log-convert"
-    cmp -s "$root${prefix}/lib/systemd/system/qirn-log-reconcile.timer" \
+    cmp -s "$root/$units/qirn-log-reconcile.timer" \
         "$QLC_SOURCE_DIR/packaging/qirn-log-reconcile.timer" ||
         fail "installed timer differs from the source"
     cmp -s "$root/etc/qirn/qirn-log-converter.conf" \
@@ -67,9 +69,12 @@ EOF
         fail "installed binary differs from the build's"
 
     local gz
-    for gz in "$root${prefix}/share/man/man8/qirn-log-converter.8.gz" \
-              "$root${prefix}/share/man/man1/qirn-log-convert.1.gz" \
-              "$root${prefix}/share/doc/qirn-log-converter/changelog.gz"; do
+    local gzipped=("$root${prefix}/share/man/man8/qirn-log-converter.8.gz"
+                   "$root${prefix}/share/man/man1/qirn-log-convert.1.gz")
+    if [ "$QLC_PACKAGE_DOCS" = 1 ]; then
+        gzipped+=("$root${prefix}/share/doc/qirn-log-converter/changelog.gz")
+    fi
+    for gz in "${gzipped[@]}"; do
         gzip -t "$gz" || fail "$gz is not a valid gzip file"
         # gzip -n: no stored name and a zero time stamp (bytes 4-7).
         [ "$(od -An -tx1 -j4 -N4 "$gz" | tr -d ' \n')" = 00000000 ] ||

@@ -13,6 +13,8 @@ readonly SKIP=77
 : "${QLC_SOURCE_DIR:?set by CTest}"
 : "${QLC_BUILD_DIR:?set by CTest}"
 : "${QLC_BINARY:?set by CTest}"
+: "${QLC_UNIT_DIR:?set by CTest}"
+: "${QLC_PACKAGE_DOCS:?set by CTest}"
 
 skip() {
     echo "SKIP: $*"
@@ -62,6 +64,17 @@ install_into() {
     [ -x "$QLC_BINARY" ] || fail "binary not built: $QLC_BINARY"
     DESTDIR="$destdir" cmake --install "$QLC_BUILD_DIR" --prefix "$prefix" >"$destdir.log" 2>&1 ||
         { cat "$destdir.log"; fail "cmake --install failed"; }
+}
+
+# The directory below the DESTDIR $1 where an install with prefix $2 put the
+# units: the build's own setting (/lib/systemd/system in the package build,
+# lib/systemd/system below the prefix otherwise).
+unit_dir_of() {
+    local destdir=$1 prefix=$2
+    case $QLC_UNIT_DIR in
+    /*) echo "$destdir$QLC_UNIT_DIR" ;;
+    *) echo "$destdir$prefix/$QLC_UNIT_DIR" ;;
+    esac
 }
 
 # Skips unless this process may make a private mount namespace with a bind

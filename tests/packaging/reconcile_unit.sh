@@ -9,7 +9,9 @@ make_scratch
 
 root="$SCRATCH/root"
 install_into "$root" /usr
-unitdir="$root/usr/lib/systemd/system"
+unitdir=$(unit_dir_of "$root" /usr)
+[ -f "$unitdir/qirn-log-reconcile.service" ] ||
+    fail "no qirn-log-reconcile.service in $unitdir, where this build installs units"
 bin="$root/usr/bin/qirn-log-convert"
 
 # verify wants the command to exist: check copies pointing into the DESTDIR.

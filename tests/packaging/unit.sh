@@ -7,9 +7,8 @@ make_scratch
 
 root="$SCRATCH/root"
 install_into "$root" /usr
-# /usr/lib/systemd/system, or /lib/systemd/system in a package build.
-unit=$(find "$root" -path '*/systemd/system/qirn-log-converter.service' | head -n 1)
-[ -n "$unit" ] || fail "no qirn-log-converter.service installed"
+unit="$(unit_dir_of "$root" /usr)/qirn-log-converter.service"
+[ -f "$unit" ] || fail "no $unit, where this build installs units"
 
 # verify wants ExecStart to name an executable and the unit file's name to be
 # the unit's name: check a copy whose ExecStart points into the DESTDIR.

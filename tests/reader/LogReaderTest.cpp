@@ -366,10 +366,11 @@ TEST_F(LogReaderTest, MissingFileFailsToOpenWithoutLogging) {
 
 TEST_F(LogReaderTest, UnreadableFileLogsPermissionDenied) {
     // Root bypasses file modes, so the open is made by a child running as nobody.
+    // Mode 0000 keeps out the file's owner too, for a run as an ordinary user.
     ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
     const std::string path = dir_.file("secret.log");
     writeFile(path, "hidden\n");
-    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0000), 0);
 
     const pid_t child = fork();
     ASSERT_NE(child, -1);

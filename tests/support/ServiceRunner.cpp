@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -73,13 +74,67 @@ void redirectOutput(const ChildPlan& plan) {
     close(err);
 }
 
+// Each step of the probe, in the order the child takes them; its exit code
+// is the index of the step that failed.
+constexpr const char* PROBE_STEPS[] = {"",
+                                       "unshare(CLONE_NEWNS)",
+                                       "a private mount of /",
+                                       "a tmpfs mount",
+                                       "an overlay mount",
+                                       "a trusted.overlay.opaque attribute"};
+
+std::string probePrivateMounts() {
+    TempDir dir;
+    const std::string scratch = dir.file("scratch");
+    const std::string lower = dir.file("lower");
+    makeDir(scratch);
+    makeDir(lower);
+    const std::string upper = scratch + "/up";
+    const std::string work = scratch + "/work";
+    const std::string merged = scratch + "/merged";
+    const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    const pid_t child = fork();
+    if (child < 0) {
+        return std::string("fork: ") + std::strerror(errno);
+    }
+    if (child == 0) {
+        const auto failed = [](int step) { _exit(step); };
+        if (unshare(CLONE_NEWNS) != 0) failed(1);
+        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) failed(2);
+        if (mount("tmpfs", scratch.c_str(), "tmpfs", 0, "mode=0755") != 0) failed(3);
+        if (mkdir(upper.c_str(), 0755) != 0 || mkdir(work.c_str(), 0755) != 0 ||
+            mkdir(merged.c_str(), 0755) != 0 ||
+            mount("overlay", merged.c_str(), "overlay", 0, options.c_str()) != 0) {
+            failed(4);
+        }
+        if (setxattr(lower.c_str(), "trusted.overlay.opaque", "y", 1, 0) != 0) failed(5);
+        _exit(0);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
+        return "the probe did not exit";
+    }
+    const int step = WEXITSTATUS(status);
+    if (step == 0) return "";
+    if (step >= static_cast<int>(std::size(PROBE_STEPS))) return "the probe failed";
+    return std::string(PROBE_STEPS[step]) + " is not permitted (uid " + std::to_string(geteuid()) +
+           ")";
+}
+
 }  // namespace
+
+std::string privateMountsMissing() {
+    static const std::string missing = probePrivateMounts();
+    return missing;
+}
 
 ServiceRunner::ServiceRunner() {
     makeDir(dir_.file("varlog"));
     makeDir(dir_.file("etc-upper"));
     makeDir(dir_.file("etc-work"));
     makeDir(dir_.file("etc-upper/qirn"));
+    // Without the privileges the test is skipped before the service starts.
+    if (!privateMountsMissing().empty()) return;
     // Opaque, so that a configuration on the machine itself never leaks in.
     if (setxattr(dir_.file("etc-upper/qirn").c_str(), "trusted.overlay.opaque", "y", 1, 0) != 0) {
         throw std::runtime_error(std::string("setxattr: ") + std::strerror(errno));

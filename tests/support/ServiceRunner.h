@@ -14,9 +14,26 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "support/TestSupport.h"
 
 namespace testing_support {
+
+// Empty when this process can make the private mount namespace the service
+// and runInPrivateRoot need (a new mount namespace, tmpfs and overlay mounts,
+// trusted.* attributes: root, in practice); otherwise what failed. Probed once.
+std::string privateMountsMissing();
+
+// Skips the current test, saying why, when privateMountsMissing() is not
+// empty: an unprivileged package build, for one, cannot run these tests.
+#define QLC_SKIP_WITHOUT_PRIVATE_MOUNTS()                                             \
+    do {                                                                              \
+        const std::string qlcMountsMissing = testing_support::privateMountsMissing(); \
+        if (!qlcMountsMissing.empty()) {                                              \
+            GTEST_SKIP() << "needs a private mount namespace: " << qlcMountsMissing;  \
+        }                                                                             \
+    } while (false)
 
 struct ServiceOptions {
     std::vector<std::string> args;  // positional arguments after the program name

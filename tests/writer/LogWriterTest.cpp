@@ -112,6 +112,7 @@ TEST_F(LogWriterTest, UnwritableDirectoryLogsPermissionDeniedAndEveryWriteFails)
 }
 
 TEST_F(LogWriterTest, ReadOnlyFileSystemLogsItsErrorAndEveryWriteFails) {
+    QLC_SKIP_WITHOUT_PRIVATE_MOUNTS();
     const PrivateRootResult result = runInPrivateRoot([] {
         mkdir("/qlc-ro", 0755);
         if (mount("tmpfs", "/qlc-ro", "tmpfs", MS_RDONLY, "mode=0755") != 0) return 2;
