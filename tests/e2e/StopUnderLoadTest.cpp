@@ -197,6 +197,7 @@ RoundResult runOneRound(int round) {
     const std::string errors = runner.stderrText();
     const std::vector<std::string> output = readLines(runner.outputPath());
     result.linesWritten = output.size();
+    bool lastLineRepeated = false;
     if (!flowing) {
         result.outcome = Outcome::NO_START;
         result.detail = "no output before the signal";
@@ -226,6 +227,11 @@ RoundResult runOneRound(int round) {
         if (unique.size() != output.size()) {
             result.outcome = Outcome::BROKEN_OUTPUT;
             result.detail = "a line written twice";
+            // The writer's stream flushed by its destructor while the monitor
+            // thread flushes the same buffered line: the last line again,
+            // right after itself, and nothing else repeated.
+            lastLineRepeated =
+                unique.size() + 1 == output.size() && output.back() == output[output.size() - 2];
         }
     }
     // main prints this right before it releases the writer; from here on the
@@ -235,7 +241,7 @@ RoundResult runOneRound(int round) {
         std::string::npos;
     const bool faultAtExit = result.outcome == Outcome::SANITIZER_REPORT ||
                              result.outcome == Outcome::CRASH ||
-                             result.outcome == Outcome::NONZERO_EXIT;
+                             result.outcome == Outcome::NONZERO_EXIT || lastLineRepeated;
     if (faultAtExit && pastShutdownReport) {
         result.fault = result.outcome;
         result.outcome = Outcome::SHUTDOWN_WINDOW;
