@@ -69,27 +69,29 @@ AS $$
 DECLARE
     seen_at timestamp := seen AT TIME ZONE 'UTC';
     month integer;
+    day integer;
+    seconds integer;
     best timestamp;
     candidate timestamp;
 BEGIN
-    IF time_written !~ '^[A-Z][a-z]{2} [0-9 ][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2}$' THEN
+    IF time_written !~ '^[A-Z][a-z]{2} [0-9 ][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]$' THEN
         RETURN NULL;
     END IF;
     month := array_position(ARRAY['Jan', 'Feb', 'Mar', 'Apr', 'May', 'Jun', 'Jul', 'Aug',
                                   'Sep', 'Oct', 'Nov', 'Dec'], substr(time_written, 1, 3));
-    IF month IS NULL THEN
+    day := trim(substr(time_written, 5, 2))::integer;
+    seconds := substr(time_written, 8, 2)::integer * 3600 +
+               substr(time_written, 11, 2)::integer * 60 + substr(time_written, 14, 2)::integer;
+    IF month IS NULL OR day < 1 OR substr(time_written, 8, 2)::integer > 23 THEN
         RETURN NULL;
     END IF;
+    -- Checked, not caught: a day past the month's end is skipped for that
+    -- year (29 February outside leap years).
     FOR year IN extract(year FROM seen_at)::integer - 1 .. extract(year FROM seen_at)::integer + 1
     LOOP
-        BEGIN
-            candidate := make_timestamp(year, month, trim(substr(time_written, 5, 2))::integer,
-                                        substr(time_written, 8, 2)::integer,
-                                        substr(time_written, 11, 2)::integer,
-                                        substr(time_written, 14, 2)::double precision);
-        EXCEPTION WHEN datetime_field_overflow OR invalid_datetime_format THEN
-            CONTINUE;
-        END;
+        candidate := make_date(year, month, 1);
+        CONTINUE WHEN day > extract(day FROM candidate + interval '1 month' - interval '1 day');
+        candidate := candidate + make_interval(days => day - 1, secs => seconds);
         IF best IS NULL OR abs(extract(epoch FROM candidate - seen_at)) <
                            abs(extract(epoch FROM best - seen_at)) THEN
             best := candidate;
