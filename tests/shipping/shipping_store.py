@@ -22,8 +22,11 @@ of the roles, and the loop's metrics file checked by promtool.
     shipping_store.py
 
 Exit 0 when all holds, 1 when not, 77 when the machine cannot run it.
-QLC_SHIPPING_ONLY=TEXT runs only the cases whose name holds TEXT;
-QLC_KEEP_SCRATCH=1 keeps the hosts' directories.
+QLC_SHIPPING_ONLY=TEXT[,TEXT...] runs only the cases whose name holds one
+of them ("throughput" for the throughput); QLC_KEEP_SCRATCH=1 keeps the
+hosts' directories. For the comparison of collector paths,
+QLC_STORE_COLLECTOR_CONF names another collector configuration (compare/)
+and QLC_OMPGSQL the ompgsql module taken from Debian's rsyslog-pgsql.
 """
 
 import os
@@ -214,6 +217,11 @@ class StoreTest(base.ShippingTest):
         wait_until(done, 600, 0.3)
         return max(progress[1], 0)
 
+    def selected(self, name):
+        """QLC_SHIPPING_ONLY: comma-separated parts of the names to run."""
+        only = os.environ.get("QLC_SHIPPING_ONLY")
+        return not only or any(part in name for part in only.split(","))
+
     # --- Set-up -----------------------------------------------------------
 
     def setup_store(self):
@@ -241,6 +249,10 @@ class StoreTest(base.ShippingTest):
         self.psql("ALTER ROLE qirn_host_other PASSWORD 'other-secret'")
 
         shutil.copy(LOADER, os.path.join(self.collector.run, "qirn-fleet-loader"))
+        if os.environ.get("QLC_OMPGSQL"):
+            # For the comparison with Debian's ompgsql (compare/).
+            shutil.copy(os.environ["QLC_OMPGSQL"], os.path.join(self.collector.run,
+                                                                "ompgsql.so"))
         log("-- private PostgreSQL 15 on %s:%s, the kit's schema and roles applied" %
             (self.collector.address, PG_PORT))
 
@@ -281,8 +293,7 @@ class StoreTest(base.ShippingTest):
     # --- Cases ------------------------------------------------------------
 
     def case(self, name, body, causes=None):
-        only = os.environ.get("QLC_SHIPPING_ONLY")
-        if only and only not in name:
+        if not self.selected(name):
             return
         first = self.next_seq
         started = time.monotonic()
@@ -527,8 +538,7 @@ class StoreTest(base.ShippingTest):
         return rate, stored, written
 
     def throughput(self):
-        only = os.environ.get("QLC_SHIPPING_ONLY")
-        if only and only not in "throughput":
+        if not self.selected("throughput"):
             return
         log("== store: throughput, a burst of %d events" % BURST)
         self.burst_rate("no delay")
