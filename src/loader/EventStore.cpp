@@ -12,6 +12,14 @@ constexpr const char* STORE_EVENT_SQL =
     "SELECT qirn_fleet.store_event($1, $2, $3, $4, $5, $6, $7, $8)";
 constexpr const char* STORE_UNPARSED_SQL = "SELECT qirn_fleet.store_unparsed($1, $2, $3)";
 constexpr std::string_view NOT_AN_EVENT_LINE = "not an event line";
+constexpr int STORE_EVENT_PARAMETERS = 8;
+constexpr int STORE_UNPARSED_PARAMETERS = 3;
+// Sent in binary form, which for text is the bytes themselves with their
+// length: the views point into the received line and end without a NUL.
+constexpr int BINARY[STORE_EVENT_PARAMETERS] = {1, 1, 1, 1, 1, 1, 1, 1};
+// A pipeline reads its results after this many statements, so that neither
+// side's socket buffer fills while the other waits.
+constexpr std::size_t PIPELINE_CHUNK = 256;
 
 std::string oneLine(const char* text) {
     std::string line = text == nullptr ? "" : text;
@@ -26,39 +34,153 @@ std::string oneLine(const char* text) {
     return line;
 }
 
+// The statement and its parameters for one line: libpq copies them when the
+// statement is sent, so they need to live only that long.
+struct Statement {
+    const char* name;
+    int count;
+    const char* values[STORE_EVENT_PARAMETERS];
+    int lengths[STORE_EVENT_PARAMETERS];
+
+    void set(int i, std::string_view value) {
+        values[i] = value.data();
+        lengths[i] = static_cast<int>(value.size());
+    }
+};
+
+Statement statementFor(std::string_view sender, std::string_view line, std::string& key) {
+    Statement statement{};
+    EventLine::Fields fields;
+    if (!EventLine::parse(line, fields)) {
+        statement.name = STORE_UNPARSED;
+        statement.count = STORE_UNPARSED_PARAMETERS;
+        statement.set(0, sender);
+        statement.set(1, line);
+        statement.set(2, NOT_AN_EVENT_LINE);
+        return statement;
+    }
+    EventLine::composeKey(key, fields.containerId, fields.path, fields.time);
+    statement.name = STORE_EVENT;
+    statement.count = STORE_EVENT_PARAMETERS;
+    const std::string_view values[] = {sender,       line,        fields.time,   fields.containerId,
+                                       fields.event, fields.path, fields.status, key};
+    for (int i = 0; i < STORE_EVENT_PARAMETERS; ++i) {
+        statement.set(i, values[i]);
+    }
+    return statement;
+}
+
 }  // namespace
 
 EventStore::EventStore(std::string conninfo) : conninfo_(std::move(conninfo)) {}
 
 EventStore::~EventStore() { disconnect(); }
 
+void EventStore::split(std::string_view message, std::string_view& sender, std::string_view& line) {
+    const std::size_t blank = message.find(' ');
+    sender = blank == std::string_view::npos ? "" : message.substr(0, blank);
+    line = blank == std::string_view::npos ? message : message.substr(blank + 1);
+}
+
 EventStore::Outcome EventStore::store(std::string_view sender, std::string_view line) {
     Outcome outcome = storeOnce(sender, line);
-    if (outcome == Outcome::FAILED && !inBatch_ && connectionLost()) {
+    if (outcome == Outcome::FAILED && connectionLost()) {
         disconnect();
         outcome = storeOnce(sender, line);
     }
     return outcome;
 }
 
-bool EventStore::begin() {
-    if (!command("BEGIN")) {
+bool EventStore::storeBatch(const std::vector<std::string>& messages,
+                            std::vector<Outcome>& outcomes) {
+    outcomes.clear();
+    if (!connect()) {
         return false;
     }
-    inBatch_ = true;
-    return true;
-}
-
-bool EventStore::commit() {
-    inBatch_ = false;
-    return command("COMMIT");
-}
-
-void EventStore::rollback() {
-    inBatch_ = false;
-    if (connection_ != nullptr && PQstatus(connection_) == CONNECTION_OK) {
-        PQclear(PQexec(connection_, "ROLLBACK"));
+    if (PQenterPipelineMode(connection_) != 1) {
+        fail("cannot start a pipeline", nullptr);
+        return false;
     }
+    // Statement 0 is BEGIN, 1 to N store the lines, N + 1 is COMMIT.
+    const std::size_t commitIndex = messages.size() + 1;
+    std::size_t sent = 0;
+    std::size_t read = 0;
+    bool stored = true;
+    const auto readUpTo = [&](std::size_t upTo) {
+        while (read < upTo) {
+            PGresult* result = PQgetResult(connection_);
+            if (result == nullptr) {
+                if (stored) {
+                    fail("the batch's results ended early", nullptr);
+                }
+                stored = false;
+                return false;
+            }
+            const ExecStatusType status = PQresultStatus(result);
+            if (read > 0 && read < commitIndex && status == PGRES_TUPLES_OK) {
+                outcomes.push_back(outcomeOf(result));
+            } else if (status != PGRES_COMMAND_OK) {
+                if (stored) {
+                    fail("the store refused the batch", result);
+                }
+                stored = false;
+            }
+            PQclear(result);
+            // Each statement's results end with a null result.
+            PQclear(PQgetResult(connection_));
+            ++read;
+        }
+        return true;
+    };
+    const auto sendCommand = [&](const char* sql) {
+        return PQsendQueryParams(connection_, sql, 0, nullptr, nullptr, nullptr, nullptr, 0) == 1;
+    };
+    bool sending = sendCommand("BEGIN");
+    sent = sending ? 1 : 0;
+    for (std::size_t i = 0; sending && stored && i < messages.size(); ++i) {
+        std::string_view sender;
+        std::string_view line;
+        split(messages[i], sender, line);
+        const Statement statement = statementFor(sender, line, key_);
+        sending = PQsendQueryPrepared(connection_, statement.name, statement.count,
+                                      statement.values, statement.lengths, BINARY, 0) == 1;
+        sent += sending ? 1 : 0;
+        if (sending && sent % PIPELINE_CHUNK == 0) {
+            sending =
+                PQsendFlushRequest(connection_) == 1 && PQflush(connection_) == 0 && readUpTo(sent);
+        }
+    }
+    if (sending && stored) {
+        sending = sendCommand("COMMIT");
+        sent += sending ? 1 : 0;
+    }
+    if (!sending && stored) {
+        fail("cannot send the batch", nullptr);
+        stored = false;
+    }
+    // Everything sent is read back, up to the pipeline's end, so that the
+    // connection is usable again.
+    if (PQpipelineSync(connection_) == 1 && readUpTo(sent)) {
+        PGresult* result = PQgetResult(connection_);
+        if (PQresultStatus(result) != PGRES_PIPELINE_SYNC && stored) {
+            fail("the batch's pipeline did not end", result);
+            stored = false;
+        }
+        PQclear(result);
+    } else {
+        stored = false;
+    }
+    stored = stored && read == commitIndex + 1;
+    PQexitPipelineMode(connection_);
+    if (!stored) {
+        outcomes.clear();
+        if (connectionLost()) {
+            disconnect();
+        } else if (PQtransactionStatus(connection_) != PQTRANS_IDLE) {
+            PQclear(PQexec(connection_, "ROLLBACK"));
+        }
+    }
+    return stored;
 }
 
 bool EventStore::connect() {
@@ -72,13 +194,14 @@ bool EventStore::connect() {
         disconnect();
         return false;
     }
-    struct Statement {
+    struct Prepared {
         const char* name;
         const char* sql;
         int parameters;
     };
-    for (const Statement& statement :
-         {Statement{STORE_EVENT, STORE_EVENT_SQL, 8}, {STORE_UNPARSED, STORE_UNPARSED_SQL, 3}}) {
+    for (const Prepared& statement :
+         {Prepared{STORE_EVENT, STORE_EVENT_SQL, STORE_EVENT_PARAMETERS},
+          {STORE_UNPARSED, STORE_UNPARSED_SQL, STORE_UNPARSED_PARAMETERS}}) {
         PGresult* result =
             PQprepare(connection_, statement.name, statement.sql, statement.parameters, nullptr);
         const bool prepared = PQresultStatus(result) == PGRES_COMMAND_OK;
@@ -106,48 +229,15 @@ bool EventStore::connectionLost() const {
 }
 
 EventStore::Outcome EventStore::storeOnce(std::string_view sender, std::string_view line) {
-    if (!inBatch_ && !connect()) {
+    if (!connect()) {
         return Outcome::FAILED;
     }
-    EventLine::Fields fields;
-    if (!EventLine::parse(line, fields)) {
-        const std::string_view values[] = {sender, line, NOT_AN_EVENT_LINE};
-        const char* pointers[3];
-        int lengths[3];
-        for (int i = 0; i < 3; ++i) {
-            pointers[i] = values[i].data();
-            lengths[i] = static_cast<int>(values[i].size());
-        }
-        return run(STORE_UNPARSED, 3, pointers, lengths);
-    }
-    EventLine::composeKey(key_, fields.containerId, fields.path, fields.time);
-    const std::string_view values[] = {sender,       line,        fields.time,   fields.containerId,
-                                       fields.event, fields.path, fields.status, key_};
-    const char* pointers[8];
-    int lengths[8];
-    for (int i = 0; i < 8; ++i) {
-        pointers[i] = values[i].data();
-        lengths[i] = static_cast<int>(values[i].size());
-    }
-    return run(STORE_EVENT, 8, pointers, lengths);
-}
-
-EventStore::Outcome EventStore::run(const char* statement, int count, const char* const* values,
-                                    const int* lengths) {
-    if (connection_ == nullptr) {
-        lastError_ = "no connection to the event store";
-        return Outcome::FAILED;
-    }
-    // Sent in binary form, which for text is the bytes themselves with their
-    // length: the views point into the received line and end without a NUL.
-    const int formats[8] = {1, 1, 1, 1, 1, 1, 1, 1};
-    PGresult* result = PQexecPrepared(connection_, statement, count, values, lengths, formats, 0);
+    const Statement statement = statementFor(sender, line, key_);
+    PGresult* result = PQexecPrepared(connection_, statement.name, statement.count,
+                                      statement.values, statement.lengths, BINARY, 0);
     Outcome outcome = Outcome::FAILED;
-    if (PQresultStatus(result) == PGRES_TUPLES_OK && PQntuples(result) == 1) {
-        const std::string_view answer = PQgetvalue(result, 0, 0);
-        outcome = answer == "stored"      ? Outcome::STORED
-                  : answer == "duplicate" ? Outcome::DUPLICATE
-                                          : Outcome::UNPARSED;
+    if (PQresultStatus(result) == PGRES_TUPLES_OK) {
+        outcome = outcomeOf(result);
     } else {
         fail("the store refused a line", result);
     }
@@ -155,17 +245,14 @@ EventStore::Outcome EventStore::run(const char* statement, int count, const char
     return outcome;
 }
 
-bool EventStore::command(const char* sql) {
-    if (!connect()) {
-        return false;
+EventStore::Outcome EventStore::outcomeOf(const PGresult* result) {
+    if (PQntuples(result) != 1) {
+        return Outcome::FAILED;
     }
-    PGresult* result = PQexec(connection_, sql);
-    const bool done = PQresultStatus(result) == PGRES_COMMAND_OK;
-    if (!done) {
-        fail(sql, result);
-    }
-    PQclear(result);
-    return done;
+    const std::string_view answer = PQgetvalue(result, 0, 0);
+    return answer == "stored"      ? Outcome::STORED
+           : answer == "duplicate" ? Outcome::DUPLICATE
+                                   : Outcome::UNPARSED;
 }
 
 void EventStore::fail(std::string_view what, const PGresult* result) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class EventStore {
 public:
@@ -19,16 +20,20 @@ public:
     EventStore(const EventStore&) = delete;
     EventStore& operator=(const EventStore&) = delete;
 
-    // Outside a batch each call is its own transaction: when it returns
-    // STORED, DUPLICATE or UNPARSED the line is committed. A call whose
-    // connection broke is tried once more on a new one: the identity makes
-    // a line that was committed before the break a duplicate, not a second row.
+    // One line in a transaction of its own: when this returns STORED,
+    // DUPLICATE or UNPARSED the line is committed. A call whose connection
+    // broke is tried once more on a new one: the identity makes a line that
+    // was committed before the break a duplicate, not a second row.
     Outcome store(std::string_view sender, std::string_view line);
 
-    // A batch: nothing of it is stored unless commit() returns true.
-    bool begin();
-    bool commit();
-    void rollback();
+    // A batch, "SENDER LINE" messages stored in one transaction: nothing of
+    // it is stored unless this returns true. The statements are sent in one
+    // pipeline, so the batch costs one round trip to the database, not one
+    // per line; `outcomes` gets one entry per message.
+    bool storeBatch(const std::vector<std::string>& messages, std::vector<Outcome>& outcomes);
+
+    // Splits a message as rsyslog hands it over: the sender, a blank, the line.
+    static void split(std::string_view message, std::string_view& sender, std::string_view& line);
 
     // Why the last call failed, on one line.
     const std::string& lastError() const { return lastError_; }
@@ -38,13 +43,11 @@ private:
     void disconnect();
     bool connectionLost() const;
     Outcome storeOnce(std::string_view sender, std::string_view line);
-    Outcome run(const char* statement, int count, const char* const* values, const int* lengths);
-    bool command(const char* sql);
     void fail(std::string_view what, const PGresult* result);
+    static Outcome outcomeOf(const PGresult* result);
 
     std::string conninfo_;
     PGconn* connection_ = nullptr;
-    bool inBatch_ = false;
     std::string key_;
     std::string lastError_;
 };

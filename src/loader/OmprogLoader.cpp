@@ -54,29 +54,32 @@ void OmprogLoader::handle(const std::string& message) {
 void OmprogLoader::commitBatch() {
     // rsyslog offers the whole batch again after a refusal, so nothing of it
     // may stay behind: one database transaction for all of it.
-    const Counts before = counts_;
-    bool stored = store_.begin();
-    for (std::size_t i = 0; stored && i < batch_.size(); ++i) {
-        stored = storeLine(batch_[i]);
-    }
-    stored = stored && store_.commit();
+    const bool stored = store_.storeBatch(batch_, outcomes_);
     batch_.clear();
-    if (stored) {
-        answer(CONFIRMED);
+    if (!stored) {
+        refuse();
         return;
     }
-    store_.rollback();
-    const std::uint64_t refusals = counts_.refusals;
-    counts_ = before;
-    counts_.refusals = refusals;
-    refuse();
+    for (const EventStore::Outcome outcome : outcomes_) {
+        count(outcome);
+    }
+    answer(CONFIRMED);
 }
 
 bool OmprogLoader::storeLine(std::string_view message) {
-    const std::size_t tab = message.find(SENDER_SEPARATOR);
-    const std::string_view sender = tab == std::string_view::npos ? "" : message.substr(0, tab);
-    const std::string_view line = tab == std::string_view::npos ? message : message.substr(tab + 1);
-    switch (store_.store(sender, line)) {
+    std::string_view sender;
+    std::string_view line;
+    EventStore::split(message, sender, line);
+    const EventStore::Outcome outcome = store_.store(sender, line);
+    if (outcome == EventStore::Outcome::FAILED) {
+        return false;
+    }
+    count(outcome);
+    return true;
+}
+
+void OmprogLoader::count(EventStore::Outcome outcome) {
+    switch (outcome) {
         case EventStore::Outcome::STORED:
             ++counts_.stored;
             break;
@@ -87,13 +90,12 @@ bool OmprogLoader::storeLine(std::string_view message) {
             ++counts_.unparsed;
             break;
         case EventStore::Outcome::FAILED:
-            return false;
+            break;
     }
     if (failing_) {
         diagnostics_ << "qirn-fleet-loader: storing again" << std::endl;
         failing_ = false;
     }
-    return true;
 }
 
 void OmprogLoader::refuse() {

@@ -3,8 +3,9 @@
 // one line in per received message ("SENDER LINE"), one answer out, and
 // the answer "OK" only once the store has committed the line. Anything else
 // makes rsyslog keep the message and offer it again later. In a transaction
-// (begin and commit marks) the lines are held and stored together when the
-// commit mark comes; the answer to that mark is the batch's.
+// (begin and commit marks) the lines are held and stored together, in one
+// database transaction, when the commit mark comes; the answer to that mark
+// is the batch's.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,7 +22,6 @@ public:
     static constexpr std::string_view DEFERRED = "DEFER_COMMIT";
     static constexpr std::string_view BEGIN_MARK = "BEGIN TRANSACTION";
     static constexpr std::string_view COMMIT_MARK = "COMMIT TRANSACTION";
-    static constexpr char SENDER_SEPARATOR = ' ';
 
     struct Counts {
         std::uint64_t stored = 0;
@@ -42,6 +42,7 @@ private:
     void handle(const std::string& message);
     void commitBatch();
     bool storeLine(std::string_view message);
+    void count(EventStore::Outcome outcome);
     void refuse();
 
     EventStore& store_;
@@ -50,6 +51,7 @@ private:
     std::ostream& diagnostics_;
     bool inTransaction_ = false;
     std::vector<std::string> batch_;
+    std::vector<EventStore::Outcome> outcomes_;
     bool failing_ = false;
     Counts counts_;
 };

@@ -26,13 +26,3 @@ BEGIN
 END
 $$;
 
--- The collector commits every line on its own, as rsyslog acknowledges each
--- line to its forwarder only once the loader has answered, and the loader
--- answers only after COMMIT. Waiting for each commit's flush to disk would
--- bound the collector to the disk's flush rate (a few hundred lines a
--- second on a busy disk); without the wait a commit is reported at once and
--- flushed within wal_writer_delay (three times 200 ms at most). A crash of
--- the database server (not a stop) can thus lose the last half second of
--- acknowledged lines, which the completeness loop sends again. The store's
--- own consistency is not affected.
-ALTER ROLE qirn_collector SET synchronous_commit = off;
