@@ -10,7 +10,9 @@ handing every line to qirn-fleet-loader through omprog; on the agent the
 forwarder and the completeness loop (packaging/fleet/qirn-fleet-complete),
 which reads the store with the host's own role.
 
-Every case counts, by the sequence number in each event's path: the events
+First the loader alone, fed as omprog feeds it: its answers, what reaches
+the store, a database restart under the running loader, the year rule.
+Then every case counts, by the sequence number in each event's path: the events
 the audit log called for, those stored before the loop, and those stored
 after one run of the loop. After the loop every one must be stored exactly
 once, with the right fields and the agent's address as its host, and nothing
@@ -289,6 +291,87 @@ class StoreTest(base.ShippingTest):
         if expect_success and status != 0:
             raise RuntimeError("the completeness loop failed: " + said)
         return status, said
+
+    # --- The loader on its own ----------------------------------------------
+
+    def loader_protocol(self):
+        """The loader fed by this test as omprog would feed it: answers,
+        what reaches the store, and a database restart under a running
+        loader."""
+        if not self.selected("loader"):
+            return
+        log("== store: the loader's protocol")
+        command = ["nsenter", "--target", str(self.collector.holder.pid), "--mount", "--uts",
+                   "--net", "--", "chroot", self.root, "/run/qlc/qirn-fleet-loader",
+                   "host=%s" % PG_SOCKET, "port=%s" % PG_PORT, "dbname=qirn_fleet",
+                   "user=qirn_collector"]
+        loader = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL, text=True, bufsize=1)
+        self.processes.append(loader)
+        sender = "192.0.2.50"
+        event = ("Nov 16 10:00:00,container_id=pod a,b=c:d,Event=filectl,"
+                 "path=/loader/f,x y=1:2,status=permissive,status=enforcing")
+        other = "Nov 16 10:00:01,container_id=c,Event=netctl,path=/loader/g,status=permissive"
+
+        def say(line):
+            loader.stdin.write(line + "\n")
+            loader.stdin.flush()
+            return loader.stdout.readline().rstrip("\n")
+
+        answers = [loader.stdout.readline().rstrip("\n")]
+        answers += [say("%s %s" % (sender, event)), say("%s %s" % (sender, event))]
+        answers += [say("BEGIN TRANSACTION"), say("%s %s" % (sender, other)),
+                    say("%s %s" % (sender, event)), say("%s no event line" % sender),
+                    say("COMMIT TRANSACTION")]
+        wanted = ["OK", "OK", "OK", "OK", "DEFER_COMMIT", "DEFER_COMMIT", "DEFER_COMMIT", "OK"]
+        rows = self.psql("SELECT container_id || '|' || path || '|' || status FROM "
+                         "qirn_fleet.events WHERE host = '%s' ORDER BY path" % sender)
+        unparsed = self.psql("SELECT count(*) FROM qirn_fleet.unparsed WHERE host = '%s'" %
+                             sender)
+        self.check("the loader's answers", answers, wanted)
+        self.check("an event line stored once, fields by anchors", rows,
+                   "pod a,b=c:d|/loader/f,x y=1:2,status=permissive|enforcing\n"
+                   "c|/loader/g|permissive")
+        self.check("a line that is no event line stored as unparsed", unparsed, "1")
+        # The database away under the running loader: a refusal (rsyslog
+        # keeps the line), then, once it is back, the same loader stores.
+        self.database.stop()
+        refused = [say("%s %s" % (sender, other.replace("/g", "/h"))),
+                   say("BEGIN TRANSACTION"), say("%s %s" % (sender, other.replace("/g", "/i"))),
+                   say("COMMIT TRANSACTION")]
+        self.database.start()
+        again = [say("%s %s" % (sender, other.replace("/g", "/h"))),
+                 say("BEGIN TRANSACTION"), say("%s %s" % (sender, other.replace("/g", "/i"))),
+                 say("COMMIT TRANSACTION")]
+        self.check("refused while the database is away",
+                   [refused[0][:6], refused[1], refused[2], refused[3][:6]],
+                   ["Error:", "OK", "DEFER_COMMIT", "Error:"])
+        self.check("stored by the same loader once it is back", again,
+                   ["OK", "OK", "DEFER_COMMIT", "OK"])
+        self.check("nothing of the refused batch stored twice",
+                   self.psql("SELECT count(*) FROM qirn_fleet.events WHERE host = '%s'" % sender),
+                   "4")
+        loader.stdin.close()
+        loader.wait(30)
+        # The year: the one nearest to the moment the store first sees the
+        # line, across New Year both ways, 29 February in a leap year.
+        years = self.psql("SELECT qirn_fleet.event_time('Dec 31 23:59:59', "
+                          "'2027-01-02 00:10:00+00') || '|' || "
+                          "qirn_fleet.event_time('Jan 01 00:00:01', '2026-12-31 23:00:00+00') "
+                          "|| '|' || qirn_fleet.event_time('Feb 29 10:00:00', "
+                          "'2027-03-01 00:00:00+00') || '|' || "
+                          "coalesce(qirn_fleet.event_time('Nov 31 10:00:00', now())::text, "
+                          "'none')")
+        self.check("the year nearest to the first sight", years,
+                   "2026-12-31 23:59:59|2027-01-01 00:00:01|2028-02-29 10:00:00|none")
+        self.psql("DELETE FROM qirn_fleet.events WHERE host = '%s'; DELETE FROM "
+                  "qirn_fleet.unparsed WHERE host = '%s'" % (sender, sender))
+
+    def check(self, name, got, wanted):
+        ok = got == wanted
+        log("   %s %s" % ("ok  " if ok else "FAIL", name))
+        if not ok:
+            self.failures.append("%s: got %r, wanted %r" % (name, got, wanted))
 
     # --- Cases ------------------------------------------------------------
 
@@ -603,11 +686,13 @@ class StoreTest(base.ShippingTest):
 
     def security(self):
         log("== store: roles and row-level security")
-        # A row of another host, stored by the loader like any other.
-        self.psql("SELECT qirn_fleet.store_event('%s', 'other line', 'Nov 16 10:00:00', "
-                  "'other-container', 'exectl', '/other/path', 'enforcing', "
-                  "'other-container|/other/path|Nov 16 10:00:00')" % OTHER_SENDER,
-                  user="qirn_collector")
+        # A row of another host and one of the agent, stored by the
+        # collector's role like any other.
+        for sender, path in ((OTHER_SENDER, "/other/path"), (self.agent.address, "/own/path")):
+            self.psql("SELECT qirn_fleet.store_event('%s', 'a line', 'Nov 16 10:00:00', "
+                      "'container', 'exectl', '%s', 'enforcing', "
+                      "'container|%s|Nov 16 10:00:00')" % (sender, path, path),
+                      user="qirn_collector")
         agent = dict(user="qirn_host_agent", network=True, password=AGENT_PASSWORD,
                      host=self.agent, check=False)
         checks = []
@@ -622,8 +707,8 @@ class StoreTest(base.ShippingTest):
 
         denied = lambda r: isinstance(r, tuple) and "permission denied" in r[1]  # noqa: E731
         expect("the agent reads its own rows over the network with its password",
-               self.psql("SELECT count(*) > 0 FROM qirn_fleet.events", **agent),
-               lambda r: r == "t")
+               self.psql("SELECT count(*) FROM qirn_fleet.events WHERE path = '/own/path'",
+                         **agent), lambda r: r == "1")
         expect("the agent sees no row of another host",
                self.psql("SELECT count(*) FROM qirn_fleet.events WHERE host <> '%s'" %
                          self.agent.address, **agent), lambda r: r == "0")
@@ -693,6 +778,7 @@ class StoreTest(base.ShippingTest):
             self.make_network()
             self.setup_store()
             self.setup_loop()
+            self.loader_protocol()
             self.run_cases()
             self.throughput()
             self.security()
