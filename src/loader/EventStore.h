@@ -6,7 +6,6 @@
 
 #include <libpq-fe.h>
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -7,7 +7,6 @@
 // database transaction, when the commit mark comes; the answer to that mark
 // is the batch's.
 
-#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
