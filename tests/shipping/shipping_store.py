@@ -732,6 +732,20 @@ class StoreTest(base.ShippingTest):
                self.psql("UPDATE qirn_fleet.events SET path = 'x'", **collector), denied)
         expect("the collector cannot read",
                self.psql("SELECT count(*) FROM qirn_fleet.events", **collector), denied)
+        # The security team's questions, as the kit's README gives them, run
+        # by a member of qirn_readers; each uses its index.
+        readme = open(os.path.join(KIT, "README.md")).read()
+        start = readme.index("### Questions a security team asks")
+        block = readme[start:readme.index("`event_at` is the host", start)]
+        queries = "\n".join(line[4:] for line in block.splitlines() if line.startswith("    "))
+        self.psql("CREATE ROLE security_team LOGIN IN ROLE qirn_readers")
+        answer = self.psql(queries, user="security_team", check=False)
+        expect("the README's queries run for a member of qirn_readers", answer,
+               lambda r: isinstance(r, str) and "/data/f" in r)
+        plans = self.psql("SET enable_seqscan = off; EXPLAIN SELECT count(*) FROM "
+                          "qirn_fleet.events WHERE path = '/data/f0000001'")
+        expect("one path fleet-wide is found by its index", plans,
+               lambda r: "events_path" in r)
         self.figures["security_checks"] = "%d of %d passed" % (
             sum(1 for c in checks if c[1]), len(checks))
 
