@@ -49,7 +49,11 @@ TZ = "Europe/Berlin"
 
 ENGINES = {
     "rsyslog": {
-        "packages": ["rsyslog", "rsyslog-relp", "rsyslog-gnutls"],
+        # The store's test (shipping_store.py) uses the same root: PostgreSQL
+        # for the collector, psql for the completeness loop, promtool for
+        # its metrics.
+        "packages": ["rsyslog", "rsyslog-relp", "rsyslog-gnutls", "postgresql-15",
+                     "postgresql-client-15", "prometheus"],
         "short": "rs",
         "subnet": "10.231.16",
         "spool": "/var/spool/rsyslog",
@@ -69,8 +73,9 @@ CAUSES = {
     "rsyslog": {
         "forwarder restarted while the collector is down":
             "the lines librelp had sent but not yet seen acknowledged when the collector went "
-            "away (it keeps them for resending in memory only; at most its window of 2), and "
-            "the line the queue's worker held while retrying (cancelled at shutdown)",
+            "away (it keeps them for resending in memory only; at most its window of 1024), "
+            "and the batch the queue's worker held while retrying (cancelled at shutdown; at "
+            "most 1024 lines); the store mode's completeness loop sends them again",
     },
     "syslog-ng": {
         "collector stopped":
@@ -85,11 +90,13 @@ CAUSES = {
 # Losses that no configuration of the engine avoids, with their bound: the
 # recommended engine fails on any other loss, and on one above its bound.
 # rsyslog keeps the lines that librelp sent but saw unacknowledged (at most its
-# window, 2) and the one line the queue worker holds while retrying in memory
-# only; a forwarder stopped while the collector is away loses them (open
-# upstream: rsyslog issues 2610 and 3820).
+# window) and the batch the queue worker holds while retrying in memory only;
+# a forwarder stopped while the collector is away loses them (open upstream:
+# rsyslog issues 2610 and 3820). The forwarder is sized for throughput (window
+# and batches of 1024), as the store mode repairs such a loss; the JSON files
+# keep it.
 KNOWN_LOSS = {
-    "rsyslog": {"forwarder restarted while the collector is down": 3},
+    "rsyslog": {"forwarder restarted while the collector is down": 2048},
 }
 
 # Values the service writes unescaped: blanks, commas, "=" and ":".
