@@ -159,6 +159,8 @@ private:
 
     static constexpr std::uint64_t ONES = 0x0101010101010101;
     static constexpr std::uint64_t HIGHS = 0x8080808080808080;
+    // Used by the scan template above, which cppcheck does not instantiate.
+    // cppcheck-suppress unusedPrivateFunction
     static constexpr std::uint64_t zeroBytes(std::uint64_t word) {
         return (word - ONES) & ~word & HIGHS;
     }

@@ -166,7 +166,7 @@ private:
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
     // A full cache of keys as audit records carry them, nodes and buckets
     // included, fits here; its pages are touched only when carved.
-    static constexpr std::size_t KEY_BUFFER_BYTES = 256 * 1024;
+    static constexpr std::size_t KEY_BUFFER_BYTES = std::size_t{256} * 1024;
     // Memory for the duplicate cache, before it: the cache only grows and is
     // then emptied at once, so keys and nodes are carved one after another
     // from a kept buffer, and an emptied cache starts again at its beginning.

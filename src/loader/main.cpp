@@ -17,7 +17,9 @@
 
 int main(int argc, char** argv) {
     // rsyslog reads our answers; if it went away, ending is all that is left.
-    std::signal(SIGPIPE, SIG_DFL);
+    if (std::signal(SIGPIPE, SIG_DFL) == SIG_ERR) {
+        std::cerr << "qirn-fleet-loader: cannot restore the default action of SIGPIPE\n";
+    }
     std::ios::sync_with_stdio(false);
     std::string conninfo;
     for (int i = 1; i < argc; ++i) {
