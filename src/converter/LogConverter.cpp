@@ -339,13 +339,6 @@ std::string wordsOf(EventType event) {
     return words;
 }
 
-// The word of an event or status value, empty for a value without one.
-template <typename Value, std::size_t COUNT>
-std::string_view wordOf(Value value, const std::array<std::string_view, COUNT>& words) {
-    const auto index = static_cast<std::size_t>(value);
-    return index >= 1 && index <= COUNT ? words[index - 1] : std::string_view();
-}
-
 // The status of a decision word: the first entry whose part the word
 // contains, compared as if lower-cased. `usual` is the whole word as audit
 // records carry it, which settles the word without a search.
@@ -405,12 +398,16 @@ bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
+// The enumerators count from 1 in the order of the line's words; UNKNOWN, 0,
+// wraps past the end and has none.
 std::string_view LogConverter::eventWord(EventType event) {
-    return wordOf(event, EventLine::EVENT_WORDS);
+    const std::size_t at = static_cast<std::size_t>(event) - 1;
+    return at < EventLine::EVENT_WORDS.size() ? EventLine::EVENT_WORDS[at] : std::string_view();
 }
 
 std::string_view LogConverter::statusWord(StatusType status) {
-    return wordOf(status, EventLine::STATUS_WORDS);
+    const std::size_t at = static_cast<std::size_t>(status) - 1;
+    return at < EventLine::STATUS_WORDS.size() ? EventLine::STATUS_WORDS[at] : std::string_view();
 }
 
 EventType LogConverter::determineEventType(const std::string& type,
