@@ -120,7 +120,11 @@ for path in usr/sbin/qirn-log-converter etc/qirn/qirn-log-converter.conf \
         usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-forwarder.conf \
         usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector.conf \
         usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder.conf \
-        usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf; do
+        usr/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf \
+        usr/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-store.conf \
+        usr/share/doc/qirn-log-converter/examples/shipping/postgresql/qirn-fleet-setup.sql \
+        usr/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete \
+        usr/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete.service; do
     [ -f "$SCRATCH/root/$path" ] || fail "the package lacks /$path"
 done
 if dpkg-deb -c "$deb" | awk '{print $2}' | grep -v '^root/root$'; then
