@@ -68,6 +68,8 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [[ "$(field Depends)" == *libc6* ]] || fail "Depends lacks libc6: $(field Depends)"
 [[ "$(field Depends)" == *libstdc++6* ]] || fail "Depends lacks libstdc++6: $(field Depends)"
 [ "$(field Recommends)" = logrotate ] || fail "Recommends is $(field Recommends)"
+# The fleet's loader links libpq; it is never part of the service's package.
+[[ "$(field Depends)" != *libpq* ]] || fail "Depends names libpq: $(field Depends)"
 
 note "conffiles"
 mkdir "$SCRATCH/control" "$SCRATCH/root"
