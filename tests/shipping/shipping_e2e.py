@@ -584,33 +584,8 @@ class ShippingTest:
 
     # Faults
 
-    def run_cases(self):
-        E = self.Engine
-        self.forwarder = E(self, self.agent, "forwarder")
-        self.collecting = E(self, self.collector, "collector")
-        for engine in (self.forwarder, self.collecting):
-            engine.install()
-        service = Service(self.agent)
-        open(os.path.join(self.agent.varlog, "qirn_audit.log"), "w").close()
-        service.start()
-        self.collecting.start()
-        self.forwarder.start()
-        self.received = Received(os.path.join(self.collector.varlog, "qirn-fleet", "agent",
-                                              "events.json"))
-        unparsed = os.path.join(self.collector.varlog, "qirn-fleet", "agent", "unparsed.log")
-
-        # The backfill log is followed too, and a line that is no event line
-        # lands in the unparsed file.
-        with open(os.path.join(self.agent.varlog, "zarvo_container.backfill.log"), "a") as f:
-            f.write("%s\nnot an event line, status=enforcing\n" %
-                    self.expected_line(0))
-        if not wait_until(lambda: (self.received.poll() or 0 in self.received.records) and
-                          os.path.exists(unparsed) and
-                          "not an event line" in open(unparsed).read(), 60):
-            raise RuntimeError("the backfill lines did not arrive (events %s, unparsed %s)" %
-                               (self.received.records.get(0), os.path.exists(unparsed)))
-        log("-- backfill log shipped; the line that is no event went to unparsed.log")
-
+    def common_faults(self):
+        """The faults both modes are measured under, in order: (name, body)."""
         def steady():
             self.flow(2, 2000)
 
@@ -672,17 +647,47 @@ class ShippingTest:
                 raise RuntimeError("logrotate failed: " + rotation.stdout.read())
             self.flow(1, 3000)
 
+        return [
+            ("steady flow", steady),
+            ("collector stopped (SIGTERM) and restarted during a flow", collector_restarted),
+            ("collector killed (SIGKILL) in the middle of a 20000-event burst", collector_killed),
+            ("agent's link down for 10 s, then up", link_down),
+            ("forwarder restarted while the collector is down",
+             forwarder_restarted_collector_down),
+            ("forwarder killed (SIGKILL) during a flow", forwarder_killed),
+            ("event log rotated by logrotate during a flow", rotated),
+        ]
+
+    def run_cases(self):
+        E = self.Engine
+        self.forwarder = E(self, self.agent, "forwarder")
+        self.collecting = E(self, self.collector, "collector")
+        for engine in (self.forwarder, self.collecting):
+            engine.install()
+        service = Service(self.agent)
+        open(os.path.join(self.agent.varlog, "qirn_audit.log"), "w").close()
+        service.start()
+        self.collecting.start()
+        self.forwarder.start()
+        self.received = Received(os.path.join(self.collector.varlog, "qirn-fleet", "agent",
+                                              "events.json"))
+        unparsed = os.path.join(self.collector.varlog, "qirn-fleet", "agent", "unparsed.log")
+
+        # The backfill log is followed too, and a line that is no event line
+        # lands in the unparsed file.
+        with open(os.path.join(self.agent.varlog, "zarvo_container.backfill.log"), "a") as f:
+            f.write("%s\nnot an event line, status=enforcing\n" %
+                    self.expected_line(0))
+        if not wait_until(lambda: (self.received.poll() or 0 in self.received.records) and
+                          os.path.exists(unparsed) and
+                          "not an event line" in open(unparsed).read(), 60):
+            raise RuntimeError("the backfill lines did not arrive (events %s, unparsed %s)" %
+                               (self.received.records.get(0), os.path.exists(unparsed)))
+        log("-- backfill log shipped; the line that is no event went to unparsed.log")
+
         causes = CAUSES[self.engine_name]
-        self.case("steady flow", steady, causes)
-        self.case("collector stopped (SIGTERM) and restarted during a flow",
-                  collector_restarted, causes)
-        self.case("collector killed (SIGKILL) in the middle of a 20000-event burst",
-                  collector_killed, causes)
-        self.case("agent's link down for 10 s, then up", link_down, causes)
-        self.case("forwarder restarted while the collector is down",
-                  forwarder_restarted_collector_down, causes)
-        self.case("forwarder killed (SIGKILL) during a flow", forwarder_killed, causes)
-        self.case("event log rotated by logrotate during a flow", rotated, causes)
+        for name, body in self.common_faults():
+            self.case(name, body, causes)
         service.stop()
 
     def expected_line(self, seq):

@@ -479,67 +479,6 @@ class StoreTest(base.ShippingTest):
 
         service = self.service
 
-        def steady():
-            self.flow(2, 2000)
-
-        def collector_restarted():
-            first = self.next_seq
-            self.flow(3, 2000)
-            self.mid_flow(first, "collector SIGTERM")
-            self.collecting.stop(signal.SIGTERM)
-            self.flow(2, 2000)
-            self.collecting.start()
-            self.flow(2, 2000)
-
-        def collector_killed():
-            first = self.next_seq
-            self.flow(2, base.PIECE)
-            self.mid_flow(first, "collector SIGKILL")
-            self.collecting.stop(signal.SIGKILL)
-            self.flow(2, base.PIECE)
-            self.collecting.start()
-
-        def link_down():
-            first = self.next_seq
-            self.flow(2, 2000)
-            self.mid_flow(first, "link down")
-            run(["ip", "-n", self.agent.netns, "link", "set", self.agent.veth, "down"])
-            down = time.monotonic()
-            self.flow(2, 2000)
-            time.sleep(max(0.0, 10 - (time.monotonic() - down)))
-            run(["ip", "-n", self.agent.netns, "link", "set", self.agent.veth, "up"])
-            self.flow(1, 2000)
-
-        def forwarder_restarted_collector_down():
-            first = self.next_seq
-            self.flow(2, 2000)
-            self.mid_flow(first, "collector SIGTERM")
-            self.collecting.stop(signal.SIGTERM)
-            self.flow(1, 2000)
-            self.forwarder.stop(signal.SIGTERM)
-            self.flow(1, 2000)
-            self.forwarder.start()
-            self.flow(1, 2000)
-            self.collecting.start()
-            self.flow(1, 2000)
-
-        def forwarder_killed():
-            first = self.next_seq
-            self.flow(3, 3000)
-            self.mid_flow(first, "forwarder SIGKILL")
-            self.forwarder.stop(signal.SIGKILL)
-            self.flow(1, 3000)
-            self.forwarder.start()
-            self.flow(1, 3000)
-
-        def rotated():
-            self.flow(1, 3000)
-            rotation = self.start_logrotate()
-            self.flow(1, base.PIECE)
-            if rotation.wait(60) != 0:
-                raise RuntimeError("logrotate failed: " + rotation.stdout.read())
-            self.flow(1, 3000)
-
         def database_restarted():
             first = self.next_seq
             self.flow(2, 2000)
@@ -584,15 +523,8 @@ class StoreTest(base.ShippingTest):
         def big_piece():
             self.append_big_piece(12000)
 
-        self.case("steady flow", steady)
-        self.case("collector stopped (SIGTERM) and restarted during a flow", collector_restarted)
-        self.case("collector killed (SIGKILL) in the middle of a 20000-event burst",
-                  collector_killed)
-        self.case("agent's link down for 10 s, then up", link_down)
-        self.case("forwarder restarted while the collector is down",
-                  forwarder_restarted_collector_down)
-        self.case("forwarder killed (SIGKILL) during a flow", forwarder_killed)
-        self.case("event log rotated by logrotate during a flow", rotated)
+        for name, body in self.common_faults():
+            self.case(name, body)
         self.case("database stopped and started during a flow", database_restarted)
         self.case("forwarder stopped, event log rotated, forwarder started",
                   forwarder_stopped_rotated)
