@@ -74,21 +74,19 @@ bool EventLogIndex::timeOrdinal(std::string_view time, uint32_t& ordinal) {
     return true;
 }
 
-bool EventLogIndex::read(const std::string& name, std::string& error) {
+Status EventLogIndex::read(const std::string& name) {
     InputStream input(name);
     if (!input.open()) {
-        error = input.error();
-        return false;
+        return input.status();
     }
     LineSource source(input, 0, 1, true);
     if (!source.run([this](const LineSource::Line& line) {
             add(std::string_view(line.text, line.length));
             return true;
         })) {
-        error = input.error();
-        return false;
+        return input.status();
     }
-    return true;
+    return Status::success();
 }
 
 void EventLogIndex::add(std::string_view line) {

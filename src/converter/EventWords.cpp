@@ -53,18 +53,9 @@ constexpr bool usualWordsDecide() {
 }
 static_assert(usualWordsDecide(), "a usual word settles its decision");
 
-// A blank, tab or colon ends a decision word; a comma does not, so "denied,"
-// still counts as denied.
-bool endsDecisionWord(char c) { return c == ' ' || c == '\t' || c == ':'; }
-
 }  // namespace
 
-EventType EventWords::operationEvent(std::string_view operation) {
-    for (const OperationWord& entry : OPERATION_WORDS) {
-        if (operation == entry.word) {
-            return entry.event;
-        }
-    }
+EventType EventWords::operationEventByLetters(std::string_view operation) {
     // One walk over the operation, each word tried only where its first
     // letter stands, until the first word of the table settles it.
     unsigned found = 0;
@@ -91,15 +82,8 @@ std::string EventWords::wordsOf(EventType event) {
     return words;
 }
 
-const EventWords::Decision* EventWords::decide(std::string_view rest, std::string_view& word) {
-    for (const Decision& decision : DECISIONS) {
-        const std::size_t size = decision.usual.size();
-        if (ByteScan::startsWith(rest, decision.usual) &&
-            (rest.size() == size || endsDecisionWord(rest[size]))) {
-            word = rest.substr(0, size);
-            return &decision;
-        }
-    }
+const EventWords::Decision* EventWords::decideByParts(std::string_view rest,
+                                                      std::string_view& word) {
     std::size_t end = 0;
     while (end < rest.size() && !endsDecisionWord(rest[end])) {
         ++end;

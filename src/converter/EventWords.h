@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "common/EventLine.h"
+#include "converter/ByteScan.h"
 
 class EventWords {
 public:
@@ -45,13 +46,35 @@ public:
     }};
 
     // The event kind of an operation (already lower-cased and without white
-    // space, or not: the comparison ignores case).
-    static EventType operationEvent(std::string_view operation);
+    // space, or not: the comparison ignores case). Inline, so that the usual
+    // operation, exactly one of the words, costs no call.
+    static EventType operationEvent(std::string_view operation) {
+        for (const OperationWord& entry : OPERATION_WORDS) {
+            if (operation == entry.word) {
+                return entry.event;
+            }
+        }
+        return operationEventByLetters(operation);
+    }
     // "exec/interpret": the words of one kind, as the trace names them.
     static std::string wordsOf(EventType event);
     // The decision word that opens `rest` (up to a blank, tab or colon), and
-    // the entry that settles it, if any.
-    static const Decision* decide(std::string_view rest, std::string_view& word);
+    // the entry that settles it, if any. Inline, so that the usual word costs
+    // no call.
+    static const Decision* decide(std::string_view rest, std::string_view& word) {
+        for (const Decision& decision : DECISIONS) {
+            const std::size_t size = decision.usual.size();
+            if (ByteScan::startsWith(rest, decision.usual) &&
+                (rest.size() == size || endsDecisionWord(rest[size]))) {
+                word = rest.substr(0, size);
+                return &decision;
+            }
+        }
+        return decideByParts(rest, word);
+    }
+    // A blank, tab or colon ends a decision word; a comma does not, so
+    // "denied," still counts as denied.
+    static bool endsDecisionWord(char c) { return c == ' ' || c == '\t' || c == ':'; }
 
     // The words an event line gives each classification; empty for UNKNOWN.
     // The enumerators count from 1 in the order of the line's words; UNKNOWN,
@@ -65,4 +88,9 @@ public:
         return at < EventLine::STATUS_WORDS.size() ? EventLine::STATUS_WORDS[at]
                                                    : std::string_view();
     }
+
+private:
+    // The rules themselves, for what the usual words do not settle.
+    static EventType operationEventByLetters(std::string_view operation);
+    static const Decision* decideByParts(std::string_view rest, std::string_view& word);
 };

@@ -18,7 +18,7 @@
 
 using EventType = LogConverter::EventType;
 using StatusType = LogConverter::StatusType;
-using Reason = LogConverter::Reason;
+using Stop = LogConverter::Stop;
 
 bool LogConverter::debugMode_ = false;
 
@@ -146,14 +146,14 @@ bool isBlankOrTab(char c) { return c == ' ' || c == '\t'; }
 // only, and inlined into one frame, as a call each measurably costs a
 // matching line.
 
-LogConverter::ParseResult LogConverter::parseLine(const std::string& line, Reason& reason,
+LogConverter::ParseResult LogConverter::parseLine(const std::string& line, Stop& reason,
                                                   Rejection* rejection) const {
     ParseResult result;
-    reason = rejectsAtOnce(line) ? Reason::OTHER_TYPE : parse(line, result, rejection);
+    reason = rejectsAtOnce(line) ? Stop::OTHER_TYPE : parse(line, result, rejection);
     return result;
 }
 
-Reason LogConverter::parse(const std::string& line, ParseResult& result,
+Stop LogConverter::parse(const std::string& line, ParseResult& result,
                            Rejection* rejection) const {
     try {
         trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
@@ -162,7 +162,7 @@ Reason LogConverter::parse(const std::string& line, ParseResult& result,
         std::string_view type;
         if (!AuditType::findHandled(line, type)) {
             trace(debugMode_, Logger::DEBUG, [&] { return "Line should not be processed"; });
-            return Reason::OTHER_TYPE;
+            return Stop::OTHER_TYPE;
         }
         return parseRecord(line, type, result, rejection);
     } catch (const std::exception& e) {
@@ -170,17 +170,17 @@ Reason LogConverter::parse(const std::string& line, ParseResult& result,
         if (rejection != nullptr) {
             rejection->error = e.what();
         }
-        return Reason::EXCEPTION;
+        return Stop::EXCEPTION;
     }
 }
 
-Reason LogConverter::parseRecord(const std::string& line, std::string_view typeView,
+Stop LogConverter::parseRecord(const std::string& line, std::string_view typeView,
                                  ParseResult& result, Rejection* rejection) const {
     const std::string_view containerId = containerIdValue(line);
     if (containerId.empty()) {
         trace(debugMode_, Logger::DEBUG,
               [&] { return "container_id field not found in log, skipping"; });
-        return Reason::NO_CONTAINER;
+        return Stop::NO_CONTAINER;
     }
     TextCopy::replace(result.containerId, containerId);
     trace(debugMode_, Logger::DEBUG,
@@ -190,20 +190,20 @@ Reason LogConverter::parseRecord(const std::string& line, std::string_view typeV
     const AuditStamp stamp = findAuditStamp(line, false);
     if (!stamp.found) {
         trace(debugMode_, Logger::DEBUG, [&] { return "No timestamp found"; });
-        return Reason::NO_STAMP;
+        return Stop::NO_STAMP;
     }
     if (stamp.hasSeconds) {
         appendConvertedTime(stamp.seconds, result.timestamp);
     }
     if (result.timestamp.empty()) {
         trace(debugMode_, Logger::DEBUG, [&] { return "Failed to convert timestamp"; });
-        return Reason::BAD_STAMP;
+        return Stop::BAD_STAMP;
     }
     trace(debugMode_, Logger::DEBUG, [&] { return "Converted timestamp: " + result.timestamp; });
     return parsePath(line, typeView, result, rejection);
 }
 
-[[gnu::always_inline]] inline Reason LogConverter::parsePath(const std::string& line,
+[[gnu::always_inline]] inline Stop LogConverter::parsePath(const std::string& line,
                                                              std::string_view typeView,
                                                              ParseResult& result,
                                                              Rejection* rejection) const {
@@ -234,13 +234,13 @@ Reason LogConverter::parseRecord(const std::string& line, std::string_view typeV
     }
     if (result.path.empty()) {
         trace(debugMode_, Logger::DEBUG, [&] { return "No path found"; });
-        return Reason::NO_PATH;
+        return Stop::NO_PATH;
     }
     trace(debugMode_, Logger::DEBUG, [&] { return "Path: " + result.path; });
     return classify(line, type, isAvc, result, rejection);
 }
 
-[[gnu::always_inline]] inline Reason LogConverter::classify(const std::string& line,
+[[gnu::always_inline]] inline Stop LogConverter::classify(const std::string& line,
                                                             const std::string& type, bool isAvc,
                                                             ParseResult& result,
                                                             Rejection* rejection) const {
@@ -256,13 +256,13 @@ Reason LogConverter::parseRecord(const std::string& line, std::string_view typeV
         if (rejection != nullptr) {
             rejection->operation = operation;
         }
-        return Reason::UNKNOWN_EVENT;
+        return Stop::UNKNOWN_EVENT;
     }
 
     result.statusType = classifyStatus(line, rejection);
     if (result.statusType == StatusType::UNKNOWN) {
         trace(debugMode_, Logger::DEBUG, [&] { return "Unknown status"; });
-        return Reason::UNKNOWN_STATUS;
+        return Stop::UNKNOWN_STATUS;
     }
 
     result.valid = true;
@@ -272,7 +272,7 @@ Reason LogConverter::parseRecord(const std::string& line, std::string_view typeV
                ", path: " + result.path +
                ", status: " + std::to_string(static_cast<int32_t>(result.statusType));
     });
-    return Reason::NONE;
+    return Stop::NONE;
 }
 
 EventType LogConverter::determineEventType(const std::string& type,
@@ -418,13 +418,13 @@ std::string LogConverter::generateLogHash(const ParseResult& result) const {
 }
 
 std::string LogConverter::convertToOutputFormat(const ParseResult& result) {
-    Reason reason = Reason::NONE;
+    Stop reason = Stop::NONE;
     return convertToOutputFormat(result, reason);
 }
 
-std::string LogConverter::convertToOutputFormat(const ParseResult& result, Reason& reason) {
+std::string LogConverter::convertToOutputFormat(const ParseResult& result, Stop& reason) {
     if (!result.valid) {
-        reason = Reason::NOT_VALID;
+        reason = Stop::NOT_VALID;
         return {};
     }
     composeKey(result, processedLogs_.text());
@@ -435,7 +435,7 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result, Reaso
         std::string message;
         message.reserve(DUPLICATE_MESSAGE.size() + held.size());
         trace(Logger::DEBUG, message.append(DUPLICATE_MESSAGE).append(held));
-        reason = Reason::DUPLICATE;
+        reason = Stop::DUPLICATE;
         return {};
     }
     if (processedLogs_.overfull()) {
@@ -448,12 +448,12 @@ std::string LogConverter::convertToOutputFormat(const ParseResult& result, Reaso
     const std::string_view event = eventWord(result.eventType);
     const std::string_view status = statusWord(result.statusType);
     if (event.empty() || status.empty()) {
-        reason = Reason::NO_WORD;
+        reason = Stop::NO_WORD;
         return {};
     }
     std::string line =
         EventLine::composed(result.timestamp, result.containerId, event, result.path, status);
     trace(debugMode_, Logger::DEBUG, [&] { return "Output: " + line; });
-    reason = Reason::NONE;
+    reason = Stop::NONE;
     return line;
 }

@@ -30,9 +30,9 @@ public:
         bool valid = false;
     };
 
-    // Why a line gave no event, as decided by the step that stopped it:
+    // The step that stopped a line that gave no event, which says why:
     // parsing (OTHER_TYPE to EXCEPTION) or output (NOT_VALID to NO_WORD).
-    enum class Reason : int32_t {
+    enum class Stop : int32_t {
         NONE,            // a valid record, or an output line
         OTHER_TYPE,      // the filter: not one of the two handled audit types
         NO_CONTAINER,    // no container_id value
@@ -106,14 +106,14 @@ public:
     }
     // parseLine, also saying why the record is not valid and, given
     // `rejection`, what the rejecting step saw.
-    ParseResult parseLine(const std::string& line, Reason& reason,
+    ParseResult parseLine(const std::string& line, Stop& reason,
                           Rejection* rejection = nullptr) const;
     // The stamp step of parseLine, on its own; `line` must outlive the result.
     // Without `withSerial` the serial number is left unread.
     static AuditStamp findAuditStamp(std::string_view line, bool withSerial = true);
     std::string convertToOutputFormat(const ParseResult& result);
     // convertToOutputFormat, also saying why the line is empty.
-    std::string convertToOutputFormat(const ParseResult& result, Reason& reason);
+    std::string convertToOutputFormat(const ParseResult& result, Stop& reason);
     std::string convertTimestamp(const std::string& text) const;
     std::string generateLogHash(const ParseResult& result) const;
     EventType determineEventType(const std::string& type, const std::string& operation) const;
@@ -132,12 +132,12 @@ private:
     // (container and stamp, type and path, operation and classification);
     // apart so that the common line of another type is settled in the
     // caller's frame.
-    Reason parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
-    Reason parseRecord(const std::string& line, std::string_view type, ParseResult& result,
+    Stop parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
+    Stop parseRecord(const std::string& line, std::string_view type, ParseResult& result,
                        Rejection* rejection) const;
-    Reason parsePath(const std::string& line, std::string_view type, ParseResult& result,
+    Stop parsePath(const std::string& line, std::string_view type, ParseResult& result,
                      Rejection* rejection) const;
-    Reason classify(const std::string& line, const std::string& type, bool isAvc,
+    Stop classify(const std::string& line, const std::string& type, bool isAvc,
                     ParseResult& result, Rejection* rejection) const;
     // determineStatusType, telling a rejection what it saw.
     StatusType classifyStatus(const std::string& line, Rejection* rejection) const;
