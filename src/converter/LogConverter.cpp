@@ -153,8 +153,7 @@ LogConverter::ParseResult LogConverter::parseLine(const std::string& line, Stop&
     return result;
 }
 
-Stop LogConverter::parse(const std::string& line, ParseResult& result,
-                           Rejection* rejection) const {
+Stop LogConverter::parse(const std::string& line, ParseResult& result, Rejection* rejection) const {
     try {
         trace(debugMode_, Logger::DEBUG, [&] { return "Parsing line: " + line; });
         // The filter's own test, with the type it found kept for the parse,
@@ -175,7 +174,7 @@ Stop LogConverter::parse(const std::string& line, ParseResult& result,
 }
 
 Stop LogConverter::parseRecord(const std::string& line, std::string_view typeView,
-                                 ParseResult& result, Rejection* rejection) const {
+                               ParseResult& result, Rejection* rejection) const {
     const std::string_view containerId = containerIdValue(line);
     if (containerId.empty()) {
         trace(debugMode_, Logger::DEBUG,
@@ -204,9 +203,9 @@ Stop LogConverter::parseRecord(const std::string& line, std::string_view typeVie
 }
 
 [[gnu::always_inline]] inline Stop LogConverter::parsePath(const std::string& line,
-                                                             std::string_view typeView,
-                                                             ParseResult& result,
-                                                             Rejection* rejection) const {
+                                                           std::string_view typeView,
+                                                           ParseResult& result,
+                                                           Rejection* rejection) const {
     // The filter passed one of the two types, spelled alike on every line:
     // their strings are made once.
     static const std::string avcType(AuditType::AVC);
@@ -241,9 +240,9 @@ Stop LogConverter::parseRecord(const std::string& line, std::string_view typeVie
 }
 
 [[gnu::always_inline]] inline Stop LogConverter::classify(const std::string& line,
-                                                            const std::string& type, bool isAvc,
-                                                            ParseResult& result,
-                                                            Rejection* rejection) const {
+                                                          const std::string& type, bool isAvc,
+                                                          ParseResult& result,
+                                                          Rejection* rejection) const {
     // A network-control record is classified without its operation, which
     // only the trace shows: it is taken for the trace alone.
     const std::string operation = isAvc || debugMode_ ? extractOperation(line) : std::string();

@@ -134,11 +134,11 @@ private:
     // caller's frame.
     Stop parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
     Stop parseRecord(const std::string& line, std::string_view type, ParseResult& result,
-                       Rejection* rejection) const;
-    Stop parsePath(const std::string& line, std::string_view type, ParseResult& result,
                      Rejection* rejection) const;
-    Stop classify(const std::string& line, const std::string& type, bool isAvc,
-                    ParseResult& result, Rejection* rejection) const;
+    Stop parsePath(const std::string& line, std::string_view type, ParseResult& result,
+                   Rejection* rejection) const;
+    Stop classify(const std::string& line, const std::string& type, bool isAvc, ParseResult& result,
+                  Rejection* rejection) const;
     // determineStatusType, telling a rejection what it saw.
     StatusType classifyStatus(const std::string& line, Rejection* rejection) const;
 
