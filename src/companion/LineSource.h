@@ -93,8 +93,14 @@ private:
 template <typename Handler>
 bool LineSource::run(Handler&& handler) {
     Block block{};
-    Read read = Read::END;
-    while ((read = nextBlock(block)) == Read::BLOCK) {
+    for (;;) {
+        const Read read = nextBlock(block);
+        if (read == Read::FAILED) {
+            return false;
+        }
+        if (read == Read::END) {
+            break;
+        }
         if (block.finished != nullptr && !handler(*block.finished)) {
             return stopBefore(*block.finished);
         }
@@ -115,9 +121,6 @@ bool LineSource::run(Handler&& handler) {
             return stopBefore(line);
         }
         endBlock(block, walk.rest);
-    }
-    if (read == Read::FAILED) {
-        return false;
     }
     const Line* const tail = tailLine();
     if (tail != nullptr && !handler(*tail)) {

@@ -7,8 +7,8 @@ using StatusType = EventWords::StatusType;
 
 namespace {
 
-constexpr auto& OPERATION_WORDS = EventWords::OPERATION_WORDS;
-constexpr auto& DECISIONS = EventWords::DECISIONS;
+constexpr const auto& OPERATION_WORDS = EventWords::OPERATION_WORDS;
+constexpr const auto& DECISIONS = EventWords::DECISIONS;
 
 // No word of the table holds a word of an earlier kind, so an operation that
 // is exactly one of the words, as most are, is of that word's kind.

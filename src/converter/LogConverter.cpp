@@ -328,7 +328,7 @@ StatusType LogConverter::classifyStatus(const std::string& line, Rejection* reje
         return decision->status;
     }
     const std::string lowered = ByteScan::lowerCopy(word);
-    constexpr auto& DECISIONS = EventWords::DECISIONS;
+    constexpr const auto& DECISIONS = EventWords::DECISIONS;
     trace(Logger::ERROR, "Unexpected status word (neither " + std::string(DECISIONS[0].part) +
                              " nor " + std::string(DECISIONS[1].part) + "): " + lowered +
                              " in line: " + line);
