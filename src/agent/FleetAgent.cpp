@@ -44,6 +44,13 @@ void FleetAgent::run() {
             stopping_ = true;
             stopDeadline_ = now + STOP_DEADLINE;
         }
+        if (mayCall(now)) {
+            readPositions(now);
+        }
+        for (const auto& follower : followers_) {
+            follower->refill(now);
+            watch_.watch(follower->path());
+        }
         const bool heartbeatDue = now >= nextHeartbeat_;
         if ((heartbeatDue || !leaseHeld_) && mayCall(now) && !(stopping_ && !leaseHeld_)) {
             heartbeat(now);
@@ -51,13 +58,6 @@ void FleetAgent::run() {
         if (heartbeatDue) {
             writeMetrics();
             nextHeartbeat_ = now + std::chrono::seconds(config_.heartbeatSeconds);
-        }
-        if (mayCall(now)) {
-            readPositions(now);
-        }
-        for (const auto& follower : followers_) {
-            follower->refill(now);
-            watch_.watch(follower->path());
         }
         bool shipped = false;
         for (const auto& follower : followers_) {
