@@ -22,7 +22,7 @@ void metric(std::string& out, const char* name, const char* type, const char* he
 
 std::string number(double value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.17g", value);
+    std::snprintf(text, sizeof text, "%.3f", value);
     return text;
 }
 
