@@ -56,6 +56,10 @@ void FleetAgent::run() {
             heartbeat(now);
         }
         if (heartbeatDue) {
+            if (!shippedSinceHeartbeat_) {
+                store_.rest();
+            }
+            shippedSinceHeartbeat_ = false;
             writeMetrics();
             nextHeartbeat_ = now + std::chrono::seconds(config_.heartbeatSeconds);
         }
@@ -163,6 +167,7 @@ bool FleetAgent::ship(LogFollower& follower, Clock::time_point now) {
         counters_.unparsed += static_cast<uint64_t>(reply.unparsed);
         lastCommit_ = wallSeconds();
         committed = true;
+        shippedSinceHeartbeat_ = true;
     }
     return committed;
 }

@@ -55,6 +55,7 @@ TEST(RetryPolicyTest, AHeldLeaseIsWaitedForAndSaidOnce) {
     EXPECT_EQ("another agent holds this host's lease, waiting: lease held by h:1:t until 23:00",
               first.message);
     EXPECT_EQ("", policy.onFailure(held).message);
+    EXPECT_EQ("", policy.onSuccess());
 }
 
 TEST(RetryPolicyTest, AHostNotEnrolledIsRetriedSlowly) {
