@@ -76,7 +76,7 @@ void FleetAgent::run() {
             break;
         }
         if (!shipped) {
-            watch_.wait(untilNextWake(now));
+            watch_.wait(untilNextWake(now), !waitingToShip(now));
         }
     }
     if (leaseHeld_ && !stopFailed_) {
@@ -227,6 +227,18 @@ void FleetAgent::writeMetrics() {
         log_(problem);
     }
     lastMetricsError_ = problem;
+}
+
+bool FleetAgent::waitingToShip(Clock::time_point now) const {
+    if (!leaseHeld_ || retryAt_ > now) {
+        return false;
+    }
+    for (const auto& follower : followers_) {
+        if (follower->positioned() && follower->hasLines()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::chrono::milliseconds FleetAgent::untilNextWake(Clock::time_point now) const {
