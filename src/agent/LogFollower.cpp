@@ -249,7 +249,7 @@ Status LogFollower::takeBatches(std::size_t maxLines, std::size_t count,
         return Status::success();
     }
     if (!keyed_) {
-        const Status made = FileKey::make(fd_, key_);
+        Status made = FileKey::make(fd_, key_);
         if (!made.ok()) {
             return made;
         }

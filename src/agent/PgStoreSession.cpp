@@ -172,7 +172,7 @@ bool sendQuery(PGconn* connection, const char* sql, const Parameters& parameters
 }
 
 int64_t numberAt(const PGresult* result, int column) {
-    return PQgetisnull(result, 0, column)
+    return PQgetisnull(result, 0, column) != 0
                ? 0
                : std::strtoll(PQgetvalue(result, 0, column), nullptr, 10);
 }
@@ -268,7 +268,7 @@ Status PgStoreSession::position(const std::string& stream, Position& position) {
         return status;
     }
     position = Position{};
-    if (PQntuples(result.get()) > 0 && !PQgetisnull(result.get(), 0, 0)) {
+    if (PQntuples(result.get()) > 0 && PQgetisnull(result.get(), 0, 0) == 0) {
         position.present = true;
         position.fileKey = PQgetvalue(result.get(), 0, 0);
         position.fileOffset = numberAt(result.get(), 1);
