@@ -79,7 +79,8 @@ int main(int argc, char** argv) {
         warning += "\" ignored";
         logLine(warning);
     }
-    // Before the store is spoken to: one agent per configuration on a machine.
+    // Before the store is spoken to: the agent's name is the machine's, so
+    // only the lock's holder may use it.
     AgentLock lock;
     const Status locked = lock.take(config.lockFile);
     if (!locked.ok()) {
