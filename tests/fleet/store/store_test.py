@@ -172,6 +172,9 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
                 "local all postgres peer" in hba,
                 "init: one marked pg_hba block before the lines that were there", hba[:8])
         f.check(self.q("SHOW ssl") == "on", "init: TLS on")
+        rc, out, err = self.admin("migrate")
+        f.check(rc == 0 and "schema at version 1, nothing to do" in out, "migrate at the newest "
+                "version does nothing", out + err)
         for name, extra in (("web-01", []), ("web-02", ["--password"]), ("web-03", []),
                             ("web-04", [])):
             rc, out, err = self.admin("add-host", name, *extra)
