@@ -404,6 +404,8 @@ BEGIN
                                           substr(l.line, 1, 3)) % 3 = 1
                                AND substr(l.line, 5, 2) NOT IN (' 0', '00') AS dated
                     FROM unnest(lines) AS l(line)
+                    -- An agent sends no NULL; were one sent, it is no line.
+                    WHERE l.line IS NOT NULL
                     OFFSET 0) AS a
                 OFFSET 0) AS b
             CROSS JOIN LATERAL (
