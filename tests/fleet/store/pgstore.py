@@ -43,7 +43,8 @@ def enter_namespaces():
     if os.environ.get("QLC_STORE_NS") == "1":
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return
-    env = dict(os.environ, QLC_STORE_NS="1")
+    # The root is built before the network goes: debootstrap needs the mirror.
+    env = dict(os.environ, QLC_STORE_NS="1", QLC_FLEET_ROOT=prepare_root())
     os.execvpe("unshare", ["unshare", "--net", "--mount", "--propagation", "private", "--",
                            sys.executable] + sys.argv, env)
 
