@@ -65,6 +65,9 @@ mkdir -p "$target/var/log" "$target/var/lib/prometheus/node-exporter" "$target/e
 stand_in=$(getent passwd nobody | cut -d: -f1)
 [ -n "$stand_in" ] || skip "no user nobody to stand in for qirn-fleet"
 sed "s/u:qirn-fleet:/u:$stand_in:/" "$tmpfiles" >"$SCRATCH/tmpfiles.conf"
+# systemd-tmpfiles --root looks users and groups up in the root's files.
+getent passwd root "$stand_in" >"$target/etc/passwd"
+getent group root adm >"$target/etc/group" || fail "this machine has no group adm"
 umask 077
 : >"$target/var/log/zarvo_container.backfill.log"
 umask 022
