@@ -496,8 +496,9 @@ class FaultsTest(fh.FleetTest):
         if not self.selected("security"):
             return
         log("== security, as the hosts' roles see the store")
-        own = dict(conninfo=self.conninfo("agent"), host=self.agent, check=False)
-        other = dict(conninfo=self.conninfo("other"), host=self.agent, check=False)
+        own = dict(conninfo=self.conninfo("agent", inside=True), host=self.agent, check=False)
+        other = dict(conninfo=self.conninfo("other", inside=True), host=self.agent,
+                     check=False)
         checks = []
 
         def expect(name, result, wanted):
@@ -546,24 +547,24 @@ class FaultsTest(fh.FleetTest):
         expect("the store's rows of the agent unchanged", self.count_host("agent"),
                lambda r: r == theirs)
         # Refused credentials.
-        wrong = self.conninfo("other").replace("passfile=", "passfile=/nonexistent-")
+        wrong = self.conninfo("other", inside=True).replace("passfile=", "passfile=/nonexistent-")
         expect("a wrong password is refused", self.psql(
             "SELECT 1", conninfo=wrong + " password=wrong", host=self.agent, check=False),
             lambda r: isinstance(r, tuple) and "authentication failed" in r[1])
-        fake = os.path.join(self.agent.dir, "fake")
+        fake = os.path.join(self.agent.run, "fake")
         os.makedirs(fake, exist_ok=True)
         run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
              "-nodes", "-days", "2", "-subj", "/CN=qirn_host_agent", "-keyout",
              os.path.join(fake, "host.key"), "-out", os.path.join(fake, "host.pem")])
         os.chmod(os.path.join(fake, "host.key"), 0o600)
-        forged = " ".join(p for p in self.conninfo("agent").split()
+        forged = " ".join(p for p in self.conninfo("agent", inside=True).split()
                           if not p.startswith(("sslcert=", "sslkey="))) + \
-            " sslcert=%s/host.pem sslkey=%s/host.key" % (fake, fake)
+            " sslcert=/run/qlc/fake/host.pem sslkey=/run/qlc/fake/host.key"
         expect("a certificate not from the fleet's CA is refused", self.psql(
             "SELECT 1", conninfo=forged, host=self.agent, check=False),
             lambda r: isinstance(r, tuple))
         self.add_host("ghost", password=True)
-        ghost = self.conninfo("ghost")
+        ghost = self.conninfo("ghost", inside=True)
         before_retire = self.psql("SELECT count(*) FROM qirn_fleet.agent_position('events')",
                                   conninfo=ghost, host=self.agent, check=False)
         self.admin("retire-host", "ghost")
@@ -583,7 +584,8 @@ class FaultsTest(fh.FleetTest):
         for _ in range(20):
             hogs.append(subprocess.Popen(
                 ["nsenter", "--target", str(self.agent.holder.pid), "--mount", "--uts", "--net",
-                 "--", "chroot", self.root, "psql", "-X", "-q", "-d", self.conninfo("other"),
+                 "--", "chroot", self.root, "psql", "-X", "-q", "-d",
+                 self.conninfo("other", inside=True),
                  "-c", "SELECT pg_sleep(30)"], stdout=subprocess.DEVNULL,
                 stderr=subprocess.PIPE, text=True, env=fh.ROOT_ENV))
             self.processes.append(hogs[-1])

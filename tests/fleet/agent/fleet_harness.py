@@ -218,23 +218,17 @@ class FleetTest(base.ShippingTest):
         at the private instance by its configuration file."""
         conf = os.path.join(self.store.run, "qirn-fleet-store.conf")
         if not os.path.exists(conf):
-            text = open(os.path.join(FLEET, "qirn-fleet-store.conf")).read()
             with open(conf, "w") as f:
-                f.write(text)
-                f.write("\n# the test's private instance\n"
-                        "QIRN_FLEET_STORE_PGHOST=%s\nQIRN_FLEET_STORE_PGPORT=%s\n"
-                        "QIRN_FLEET_STORE_HOST=%s\n" % (PG_SOCKET, PG_PORT, self.store.address))
+                f.write("# the test's private instance\npghost=%s\npgport=%s\n"
+                        "sql_dir=/run/qlc/store\nstore_host=%s\nstore_port=%s\n" %
+                        (PG_SOCKET, PG_PORT, self.store.address, PG_PORT))
             shutil.copy(ADMIN, os.path.join(self.store.run, "qirn-fleet-admin"))
-            if os.path.isdir(os.path.join(FLEET, "store")):
-                shutil.copytree(os.path.join(FLEET, "store"), os.path.join(self.store.run,
-                                                                           "store"))
+            shutil.copytree(os.path.join(FLEET, "store"), os.path.join(self.store.run, "store"))
         output = os.path.join(self.store.dir, "admin.console")
         start = os.path.getsize(output) if os.path.exists(output) else 0
         status = self.store.in_root(
             ["/bin/bash", "/run/qlc/qirn-fleet-admin"] + list(args), output,
-            {"QIRN_FLEET_STORE_CONF": "/run/qlc/qirn-fleet-store.conf",
-             "QIRN_FLEET_STORE_SQL": "/run/qlc/store", "PGHOST": PG_SOCKET,
-             "PGPORT": PG_PORT, "PGUSER": "postgres"}).wait(300)
+            {"QIRN_FLEET_STORE_CONF": "/run/qlc/qirn-fleet-store.conf"}).wait(300)
         said = open(output, errors="replace").read()[start:]
         if check and status != 0:
             raise RuntimeError("qirn-fleet-admin %s failed (%d): %s" %
@@ -252,31 +246,24 @@ class FleetTest(base.ShippingTest):
         status, said = self.admin(*args)
         folder = os.path.join(self.store.run, "hosts", name)
         self.credentials[name] = {"dir": folder, "said": said, "password": password}
+        # The same files for programs in the root on the agent host (psql,
+        # the loop): its /run/qlc/store-files.
+        files = os.path.join(self.agent.run, "store-files", "hosts", name)
+        shutil.copytree(folder, files)
         return folder, said
 
-    def conninfo(self, name, port=PG_PORT, address=None, host=None):
-        """The libpq connection string of host `name` as the agent uses it,
-        its files read from where add-host wrote them."""
-        cred = self.credentials[name]
-        folder = cred["dir"]
-        parts = ["host=%s" % (address or self.store.address), "port=%s" % port,
-                 "dbname=qirn_fleet", "user=qirn_host_%s" % name, "connect_timeout=5",
-                 "sslmode=verify-ca"]
-        files = os.listdir(folder)
-        ca = [f for f in files if "ca" in f and f.endswith((".pem", ".crt"))]
-        if ca:
-            parts.append("sslrootcert=%s" % os.path.join(folder, ca[0]))
-        if cred["password"]:
-            passfile = [f for f in files if "pgpass" in f or "passfile" in f]
-            if passfile:
-                parts.append("passfile=%s" % os.path.join(folder, passfile[0]))
-        else:
-            key = [f for f in files if f.endswith(".key")]
-            cert = [f for f in files if f.endswith((".pem", ".crt")) and f not in ca]
-            if key and cert:
-                parts += ["sslkey=%s" % os.path.join(folder, key[0]),
-                          "sslcert=%s" % os.path.join(folder, cert[0])]
-        return " ".join(parts)
+    def conninfo(self, name, port=PG_PORT, inside=False):
+        """The libpq connection string of host `name` as add-host printed
+        it, its files where add-host wrote them: as this machine sees them,
+        or (`inside`) as a program in the root on the agent host does."""
+        folder = self.credentials[name]["dir"]
+        conf = open(os.path.join(folder, "qirn-fleet-agent.conf")).read()
+        conninfo = re.search(r"(?m)^conninfo=(.*)$", conf).group(1)
+        if inside:
+            folder = "/run/qlc/store-files/hosts/%s" % name
+        conninfo = conninfo.replace("/etc/qirn/", folder + "/")
+        conninfo = re.sub(r"\bport=\d+", "port=%s" % port, conninfo)
+        return conninfo + " connect_timeout=5"
 
     # --- The database, as its superuser or a role ------------------------
 
@@ -419,11 +406,7 @@ class FleetTest(base.ShippingTest):
             for sub in ("loop-textfile", "loop-state"):
                 os.makedirs(os.path.join(run_dir, sub), exist_ok=True)
         # The credential as the loop's chroot sees it.
-        conninfo = self.conninfo(name).replace(self.store.run, "/run/qlc/store-files")
-        files = os.path.join(run_dir, "store-files")
-        if os.path.exists(files):
-            shutil.rmtree(files)
-        shutil.copytree(self.store.run + "/hosts", files + "/hosts")
+        conninfo = self.conninfo(name, inside=True)
         output = os.path.join(self.agent.dir, "loop.console")
         start = os.path.getsize(output) if os.path.exists(output) else 0
         status = self.agent.in_root(["/bin/sh", "/run/qlc/qirn-fleet-complete"], output, {
