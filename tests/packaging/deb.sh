@@ -283,8 +283,10 @@ check_units qirn-fleet-store
 store_paths=(usr/sbin/qirn-fleet-admin usr/share/man/man8/qirn-fleet-admin.8.gz
     etc/qirn/qirn-fleet-store.conf
     lib/systemd/system/qirn-fleet-store-maintain.service lib/systemd/system/qirn-fleet-store-maintain.timer
-    lib/systemd/system/qirn-fleet-store-metrics.service lib/systemd/system/qirn-fleet-store-metrics.timer
-    usr/share/qirn-fleet-store/prometheus/qirn-fleet.rules.yml)
+    lib/systemd/system/qirn-fleet-store-metrics.service lib/systemd/system/qirn-fleet-store-metrics.timer)
+# The alert rules, where the tree has them.
+[ ! -e "$QLC_SOURCE_DIR/packaging/fleet/prometheus/qirn-fleet.rules.yml" ] ||
+    store_paths+=(usr/share/qirn-fleet-store/prometheus/qirn-fleet.rules.yml)
 for sql in "$QLC_SOURCE_DIR"/packaging/fleet/store/*.sql; do
     store_paths+=("usr/share/qirn-fleet-store/${sql##*/}")
 done
