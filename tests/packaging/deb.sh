@@ -244,7 +244,8 @@ grep -qx 'ExecStart=/usr/sbin/qirn-fleet-agent' \
 note "qirn-fleet-agent: maintainer scripts (user, overrides, tmpfiles.d, purge)"
 postinst=$SCRATCH/qirn-fleet-agent/control/postinst
 postrm=$SCRATCH/qirn-fleet-agent/control/postrm
-grep -q 'adduser --system --group .* qirn-fleet' "$postinst" || fail "postinst makes no system user qirn-fleet"
+tr -d '\\\n' <"$postinst" | grep -q 'adduser --system --group [^;]* qirn-fleet *adduser' ||
+    fail "postinst makes no system user qirn-fleet"
 grep -q 'adduser --quiet qirn-fleet adm' "$postinst" || fail "postinst does not put qirn-fleet in group adm"
 grep -q 'dpkg-statoverride --update --add root qirn-fleet 0640 "$conf"' "$postinst" ||
     fail "postinst does not make the agent's configuration root:qirn-fleet 0640"
