@@ -174,15 +174,40 @@ check_fleet_tree() {
     done
 }
 
+# qirn-fleet-admin finds its SQL and configuration below the prefix; for
+# /usr it is the source itself.
+check_store_tree() {
+    local root=$1 prefix=$2 admin etc
+    admin="$root$prefix/sbin/qirn-fleet-admin"
+    [ -e "$QLC_SOURCE_DIR/packaging/fleet/qirn-fleet-admin" ] || return 0
+    etc=$(etc_dir_of "" "$prefix")
+    if [ "$prefix" = /usr ] && [ "$etc" = /etc ]; then
+        cmp -s "$admin" "$QLC_SOURCE_DIR/packaging/fleet/qirn-fleet-admin" ||
+            fail "installed qirn-fleet-admin differs from the source"
+        return 0
+    fi
+    if grep -qx 'sql_dir=/usr/share/qirn-fleet-store' "$QLC_SOURCE_DIR/packaging/fleet/qirn-fleet-admin"; then
+        grep -qx "sql_dir=$prefix/share/qirn-fleet-store" "$admin" ||
+            fail "qirn-fleet-admin installed with prefix $prefix does not read its SQL from there"
+    fi
+    if grep -qxF 'config=${QIRN_FLEET_STORE_CONF:-/etc/qirn/qirn-fleet-store.conf}' \
+        "$QLC_SOURCE_DIR/packaging/fleet/qirn-fleet-admin"; then
+        grep -qxF "config=\${QIRN_FLEET_STORE_CONF:-$etc/qirn/qirn-fleet-store.conf}" "$admin" ||
+            fail "qirn-fleet-admin installed with prefix $prefix does not read $etc/qirn/qirn-fleet-store.conf"
+    fi
+}
+
 note "prefix /usr"
 install_into "$SCRATCH/usr-root" /usr
 check_tree "$SCRATCH/usr-root" /usr
 check_fleet_tree "$SCRATCH/usr-root" /usr
+check_store_tree "$SCRATCH/usr-root" /usr
 
 note "prefix /usr/local (the default of a source build)"
 install_into "$SCRATCH/local-root" /usr/local
 check_tree "$SCRATCH/local-root" /usr/local
 check_fleet_tree "$SCRATCH/local-root" /usr/local
+check_store_tree "$SCRATCH/local-root" /usr/local
 
 note "the example configuration sets nothing: every key=value line is commented out"
 usr_etc=$(etc_dir_of "$SCRATCH/usr-root" /usr)
