@@ -35,8 +35,10 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import fleet_harness as fh  # noqa: E402
 from fleet_harness import base, log, run, wait_until  # noqa: E402
 
-# Nothing new stored for this long: what is missing stays missing.
-QUIET = 8
+# Nothing new stored for this long: what is missing stays missing. Longer
+# than an agent restarted after a kill waits for its predecessor's lease (3 x
+# heartbeat_seconds, 2 here) plus its back-off.
+QUIET = 15
 LINK_DOWN_SECONDS = 30
 # The longest the agent may take to store again once the link is up.
 LINK_RECOVERY = 90
