@@ -44,20 +44,24 @@ void FleetAgent::run() {
             stopping_ = true;
             stopDeadline_ = now + STOP_DEADLINE;
         }
-        const bool heartbeatDue = now >= nextHeartbeat_;
-        if ((heartbeatDue || !leaseHeld_) && mayCall(now) && !(stopping_ && !leaseHeld_)) {
-            heartbeat(now);
-        }
-        if (heartbeatDue) {
-            writeMetrics();
-            nextHeartbeat_ = now + std::chrono::seconds(config_.heartbeatSeconds);
-        }
         if (mayCall(now)) {
             readPositions(now);
         }
         for (const auto& follower : followers_) {
             follower->refill(now);
             watch_.watch(follower->path());
+        }
+        const bool heartbeatDue = now >= nextHeartbeat_;
+        if ((heartbeatDue || !leaseHeld_) && mayCall(now) && !(stopping_ && !leaseHeld_)) {
+            heartbeat(now);
+        }
+        if (heartbeatDue) {
+            if (!shippedSinceHeartbeat_) {
+                store_.rest();
+            }
+            shippedSinceHeartbeat_ = false;
+            writeMetrics();
+            nextHeartbeat_ = now + std::chrono::seconds(config_.heartbeatSeconds);
         }
         bool shipped = false;
         for (const auto& follower : followers_) {
@@ -163,6 +167,7 @@ bool FleetAgent::ship(LogFollower& follower, Clock::time_point now) {
         counters_.unparsed += static_cast<uint64_t>(reply.unparsed);
         lastCommit_ = wallSeconds();
         committed = true;
+        shippedSinceHeartbeat_ = true;
     }
     return committed;
 }

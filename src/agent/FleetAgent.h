@@ -71,6 +71,7 @@ private:
     bool stopFailed_ = false;
     Clock::time_point stopDeadline_{};
     bool leaseHeld_ = false;
+    bool shippedSinceHeartbeat_ = false;
     bool waitedForLease_ = false;
     Clock::time_point retryAt_{};
     Clock::time_point nextHeartbeat_{};

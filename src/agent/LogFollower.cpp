@@ -194,16 +194,14 @@ void LogFollower::refill(Clock::time_point now) {
         }
         if (fileSize_ < readOffset()) {
             startAgain(path_ + " shrank to " + std::to_string(fileSize_) + " bytes");
+        } else if (keyed_ && !key_.matches(fd_)) {
+            startAgain(path_ + "'s first bytes changed");
         }
         const bool hadLines = hasLines();
-        const std::size_t got = readMore();
+        readMore();
         if (!hadLines && hasLines()) {
             pendingSince_ = now;
             pending_ = true;
-        }
-        if (got == 0 && keyed_ && !key_.matches(fd_)) {
-            startAgain(path_ + "'s first bytes changed");
-            continue;
         }
         checkRotation();
         // Moves on only when the old file is drained and the writer has

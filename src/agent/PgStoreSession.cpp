@@ -175,6 +175,11 @@ PgStoreSession::PgStoreSession(std::string conninfo, std::string agent, std::str
 
 bool PgStoreSession::connected() const { return reached_; }
 
+// libpq keeps a connection's buffers at the largest batch they held; an idle
+// agent gives them back by closing, and opens a new connection for its next
+// call. Behind PgBouncer an idle agent then holds no client slot either.
+void PgStoreSession::rest() { connection_.reset(); }
+
 Status PgStoreSession::connect() {
     if (connection_ != nullptr && PQstatus(connection_.get()) == CONNECTION_OK) {
         return Status::success();

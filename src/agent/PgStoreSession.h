@@ -22,6 +22,7 @@ public:
     void ship(const std::vector<Batch>& batches, std::vector<Shipped>& replies) override;
     Status heartbeat(const Heartbeat& heartbeat) override;
     Status release() override;
+    void rest() override;
     bool connected() const override;
 
 private:
