@@ -253,6 +253,12 @@ class FleetTest(base.ShippingTest):
         # the loop): its /run/qlc/store-files.
         files = os.path.join(self.agent.run, "store-files", "hosts", name)
         shutil.copytree(folder, files)
+        # libpq ignores a password file that its group may read: as the
+        # operator installs it, for the one user that reads it.
+        for where in (folder, files):
+            for entry in os.listdir(where):
+                if entry.endswith(".pgpass"):
+                    os.chmod(os.path.join(where, entry), 0o600)
         return folder, said
 
     def conninfo(self, name, port=PG_PORT, inside=False):
