@@ -58,6 +58,8 @@ private:
     void succeeded();
     void failed(const Status& status, LogFollower* follower, Clock::time_point now);
     void writeMetrics();
+    // Whether lines wait only for their commit deadline.
+    bool waitingToShip(Clock::time_point now) const;
     std::chrono::milliseconds untilNextWake(Clock::time_point now) const;
 
     AgentConfig config_;
@@ -71,6 +73,7 @@ private:
     bool stopFailed_ = false;
     Clock::time_point stopDeadline_{};
     bool leaseHeld_ = false;
+    bool shippedSinceHeartbeat_ = false;
     bool waitedForLease_ = false;
     Clock::time_point retryAt_{};
     Clock::time_point nextHeartbeat_{};

@@ -20,10 +20,21 @@ void metric(std::string& out, const char* name, const char* type, const char* he
     out += '\n';
 }
 
+// Milliseconds are as fine as any of these values gets; no trailing zeros.
 std::string number(double value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
+    const int length = std::snprintf(text, sizeof text, "%.3f", value);
+    std::string out(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    if (out.empty()) {
+        return "0";
+    }
+    while (out.back() == '0') {
+        out.pop_back();
+    }
+    if (out.back() == '.') {
+        out.pop_back();
+    }
+    return out;
 }
 
 void sample(std::string& out, const std::string& name, const std::string& value) {

@@ -22,6 +22,7 @@ public:
     void ship(const std::vector<Batch>& batches, std::vector<Shipped>& replies) override;
     Status heartbeat(const Heartbeat& heartbeat) override;
     Status release() override;
+    void rest() override;
     bool connected() const override;
 
 private:
@@ -45,4 +46,6 @@ private:
     std::string zone_;
     Connection connection_;
     bool reached_ = false;
+    // The connection carried a batch big enough to leave large buffers.
+    bool bulky_ = false;
 };

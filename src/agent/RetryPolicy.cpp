@@ -41,8 +41,12 @@ std::string RetryPolicy::onSuccess() {
     if (outage_ == Status::Code::OK) {
         return "";
     }
-    const std::string message =
-        "the store answers again after " + std::to_string(failures_) + " failed calls";
+    // The end of a wait for the lease is the caller's to say: the store never
+    // stopped answering.
+    std::string message =
+        outage_ == Status::Code::BUSY
+            ? ""
+            : "the store answers again after " + std::to_string(failures_) + " failed calls";
     outage_ = Status::Code::OK;
     failures_ = 0;
     return message;
