@@ -52,8 +52,8 @@ void ChangeWatch::drain(int fd) {
     }
 }
 
-void ChangeWatch::wait(std::chrono::milliseconds timeout) {
-    struct pollfd fds[2] = {{inotifyFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+void ChangeWatch::wait(std::chrono::milliseconds timeout, bool changes) {
+    struct pollfd fds[2] = {{changes ? inotifyFd_ : -1, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     const auto millis = timeout.count() < 0 ? 0 : timeout.count();
     if (poll(fds, 2, static_cast<int>(millis)) > 0) {
         drain(inotifyFd_);

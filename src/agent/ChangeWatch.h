@@ -17,7 +17,10 @@ public:
     // Watches the file now at `path` for writes and its directory for files
     // coming and going. Again after a rotation: the new file is a new inode.
     void watch(const std::string& path);
-    void wait(std::chrono::milliseconds timeout);
+    // With `changes` false only a stop or the timeout ends the wait: lines
+    // already wait for their commit deadline, and a writer's every append
+    // need not wake the agent before it.
+    void wait(std::chrono::milliseconds timeout, bool changes = true);
     // Ends the current or the next wait at once; safe in a signal handler.
     void wake();
 

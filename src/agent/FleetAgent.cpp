@@ -27,11 +27,11 @@ void FleetAgent::requestStop() {
 }
 
 FleetAgent::Counters FleetAgent::counters() const {
-    Counters counters = counters_;
+    Counters total = counters_;
     for (const auto& follower : followers_) {
-        counters.lostFiles += follower->lostFiles();
+        total.lostFiles += follower->lostFiles();
     }
-    return counters;
+    return total;
 }
 
 bool FleetAgent::mayCall(Clock::time_point now) const { return stopping_ || now >= retryAt_; }
@@ -76,7 +76,7 @@ void FleetAgent::run() {
             break;
         }
         if (!shipped) {
-            watch_.wait(untilNextWake(now));
+            watch_.wait(untilNextWake(now), !waitingToShip(now));
         }
     }
     if (leaseHeld_ && !stopFailed_) {
@@ -213,20 +213,32 @@ void FleetAgent::writeMetrics() {
         values.lags.push_back(
             {follower->stream(), follower->lagBytes(), follower->lagSeconds(now)});
     }
-    const Counters counters = this->counters();
+    const Counters total = counters();
     values.lastCommit = lastCommit_;
     values.lastHeartbeat = lastHeartbeat_;
-    values.stored = counters.stored;
-    values.duplicates = counters.duplicates;
-    values.unparsed = counters.unparsed;
-    values.errors = counters.errors;
-    values.lostFiles = counters.lostFiles;
+    values.stored = total.stored;
+    values.duplicates = total.duplicates;
+    values.unparsed = total.unparsed;
+    values.errors = total.errors;
+    values.lostFiles = total.lostFiles;
     const Status written = MetricsFile::write(config_.textfileDir, values);
     const std::string problem = written.ok() ? "" : written.message();
     if (problem != lastMetricsError_ && !problem.empty()) {
         log_(problem);
     }
     lastMetricsError_ = problem;
+}
+
+bool FleetAgent::waitingToShip(Clock::time_point now) const {
+    if (!leaseHeld_ || retryAt_ > now) {
+        return false;
+    }
+    for (const auto& follower : followers_) {
+        if (follower->positioned() && follower->hasLines()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::chrono::milliseconds FleetAgent::untilNextWake(Clock::time_point now) const {

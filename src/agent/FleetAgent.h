@@ -58,6 +58,8 @@ private:
     void succeeded();
     void failed(const Status& status, LogFollower* follower, Clock::time_point now);
     void writeMetrics();
+    // Whether lines wait only for their commit deadline.
+    bool waitingToShip(Clock::time_point now) const;
     std::chrono::milliseconds untilNextWake(Clock::time_point now) const;
 
     AgentConfig config_;

@@ -60,6 +60,7 @@ private:
         config.heartbeatSeconds = 1;
         config.batchLines = 100;
         config.commitDelay = 20ms;
+        config.shipsInFlight = 1;
         if (adjust != nullptr) {
             adjust(config);
         }
@@ -320,4 +321,69 @@ TEST(FleetAgentTest, IdleAgentMakesFewCalls) {
     std::this_thread::sleep_for(1500ms);
     // Two position reads and one heartbeat a second.
     EXPECT_LE(store.calls(), 5);
+}
+
+TEST(FleetAgentTest, TwoShipsInFlightCarryChainedBatchesInOneCall) {
+    TempDir dir;
+    testing_support::appendLines(dir.file("events.log"), numbered(1, 250));
+    FakeStoreSession store;
+    RunningAgent agent(store, dir, [](AgentConfig& config) { config.shipsInFlight = 2; });
+    agent.start();
+    ASSERT_TRUE(storedCount(store, 250));
+    EXPECT_EQ(numbered(1, 250), store.lines("events"));
+    EXPECT_EQ((std::vector<std::size_t>{100, 100, 50}), store.batchSizes("events"));
+    EXPECT_EQ(2, store.shipCalls());
+}
+
+TEST(FleetAgentTest, WhenTheFirstOfTwoBatchesFailsNeitherIsKeptAndBothAreShippedAgain) {
+    TempDir dir;
+    writeFile(dir.file("events.log"), "");
+    FakeStoreSession store;
+    RunningAgent agent(store, dir, [](AgentConfig& config) {
+        config.shipsInFlight = 2;
+        config.batchLines = 2;
+    });
+    agent.start();
+    ASSERT_TRUE(waitUntil([&] { return store.heartbeats() >= 1; }, 5s));
+    std::this_thread::sleep_for(100ms);
+    store.failNext(Status::failure(Status::Code::UNAVAILABLE, "lost the store: reset"), 1);
+    testing_support::appendLines(dir.file("events.log"), numbered(1, 4));
+    ASSERT_TRUE(storedCount(store, 4));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(numbered(1, 4), store.lines("events"));
+}
+
+TEST(FleetAgentTest, AStopWithTheStoreUnreachableEndsPromptly) {
+    TempDir dir;
+    writeFile(dir.file("events.log"), "");
+    FakeStoreSession store;
+    RunningAgent agent(store, dir, [](AgentConfig& config) { config.commitDelay = 60s; });
+    agent.start();
+    ASSERT_TRUE(waitUntil([&] { return store.heartbeats() >= 1; }, 5s));
+    store.failNext(Status::failure(Status::Code::UNAVAILABLE, "cannot connect"), 100);
+    appendFile(dir.file("events.log"), "held\n");
+    std::this_thread::sleep_for(100ms);
+    const auto asked = std::chrono::steady_clock::now();
+    agent.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, 2s);
+    EXPECT_TRUE(store.lines("events").empty());
+    EXPECT_EQ(0, store.releases());
+}
+
+TEST(FleetAgentTest, ALostFileIsCountedInTheMetrics) {
+    TempDir dir;
+    writeFile(dir.file("events.log"), "new\n");
+    FakeStoreSession store;
+    store.setPosition("events", "1:2:4:" + std::string(64, '0'), 4);
+    RunningAgent agent(store, dir);
+    agent.start();
+    ASSERT_TRUE(storedCount(store, 1));
+    EXPECT_EQ(1, agent.countSaid("rotation outran the agent"));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return testing_support::containsLine(
+                testing_support::readLines(dir.file("qirn_fleet_agent.prom")),
+                "qirn_fleet_agent_lost_files_total 1");
+        },
+        5s));
 }
