@@ -40,14 +40,14 @@ if grep -q 'qirn-fleet' "$SCRATCH/verify.txt"; then
 fi
 
 note "identity, restart, what it may write"
-for line in User=qirn-fleet SupplementaryGroups=adm Restart=on-failure \
+for line in User=qirn-fleet SupplementaryGroups=adm Restart=on-failure RuntimeDirectory=qirn-fleet-agent \
         ProtectSystem=strict ReadWritePaths=-/var/lib/prometheus/node-exporter \
         'ExecStartPre=+/bin/systemd-tmpfiles --create qirn-fleet-agent.conf'; do
     grep -qxF "$line" "$unit" || fail "the agent's unit lacks $line"
 done
 if grep -E '^(ReadWritePaths|StateDirectory|LogsDirectory|RuntimeDirectory)=' "$unit" |
-    grep -vxF 'ReadWritePaths=-/var/lib/prometheus/node-exporter'; then
-    fail "the agent's unit may write more than its textfile directory"
+    grep -vxF -e 'ReadWritePaths=-/var/lib/prometheus/node-exporter' -e 'RuntimeDirectory=qirn-fleet-agent'; then
+    fail "the agent's unit may write more than its textfile directory and its lock's directory"
 fi
 grep -q '^\[Install\]' "$SCRATCH/units/qirn-fleet-complete.timer" || fail "the loop's timer has no [Install]"
 
