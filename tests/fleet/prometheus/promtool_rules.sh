@@ -62,6 +62,14 @@ for alert in $(sed -n 's/^ *- alert: //p' "$QLC_SOURCE_DIR/$rules_rel"); do
         fail "no test shows $alert quiet"
 done
 
+# Every metric the rules read is one the agreement or the loop publishes: a
+# renamed metric would leave its alert silent forever.
+for metric in $(grep -oP 'qirn_fleet_[a-z_]+(?![a-z_.\[])' "$QLC_SOURCE_DIR/$rules_rel" | sort -u); do
+    grep -qE "\`$metric(\`|\{)" "$QLC_SOURCE_DIR/docs/fleet.md" ||
+        grep -qE "echo \"$metric " "$QLC_SOURCE_DIR/packaging/fleet/qirn-fleet-complete" ||
+        fail "the rules read $metric, which neither docs/fleet.md nor qirn-fleet-complete publishes"
+done
+
 # The files keep their relative places: the tests name the rules by a
 # relative path, which promtool resolves from the test file's directory.
 unshare --mount --propagation private -- bash -euo pipefail -c '
