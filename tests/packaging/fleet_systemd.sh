@@ -20,7 +20,7 @@ make_scratch
 packages=${QLC_FLEET_DEBS:-$QLC_BUILD_DIR/debian-package}
 arch=$(dpkg --print-architecture)
 find_deb() {
-    ls "$packages/$1"_*_"$arch".deb 2>/dev/null | head -n 1
+    { ls "$packages/$1"_*_"$arch".deb "$packages/$1"_*_all.deb 2>/dev/null || true; } | head -n 1
 }
 service_deb=$(find_deb qirn-log-converter)
 agent_deb=$(find_deb qirn-fleet-agent)
@@ -296,7 +296,7 @@ check_admin_init() {
         listen="'*' (set by this test: init left localhost)"
     fi
     wait_for 30 reachable || fail "the agent host cannot reach $store_address:5432"
-    observed "init twice; listen_addresses=$listen; status: $(in_store qirn-fleet-admin status 2>&1 | head -n 3 | paste -sd';')"
+    observed "init twice; listen_addresses=$listen; status: $(in_store qirn-fleet-admin status 2>&1 | awk 'NR <= 3' | tr -s ' ' | paste -sd';')"
 }
 
 check_add_host_and_copy() {
@@ -308,6 +308,7 @@ check_add_host_and_copy() {
     # As the operator would: the printed configuration becomes the agent's,
     # each file the connection names is copied to where it names it.
     local conf=$agent_root$agent_conf
+    mkdir -p "$(dirname "$conf")"
     grep -E '^([a-z_]+=|#|$)' "$SCRATCH/add-host.conf" >"$conf"
     echo 'heartbeat_seconds=5' >>"$conf"
     in_agent chown root:qirn-fleet "$agent_conf"
@@ -319,13 +320,28 @@ check_add_host_and_copy() {
         [ -f "$file" ] || fail "add-host named $key=$path but wrote no $(basename "$path") in --out"
         mkdir -p "$agent_root$(dirname "$path")"
         cp "$file" "$agent_root$path"
-        in_agent chown root:qirn-fleet "$path"
-        in_agent chmod 0640 "$path"
+        if [ "$key" = passfile ]; then
+            # libpq reads a password file of mode 0600 only: the agent's own.
+            in_agent chown qirn-fleet:qirn-fleet "$path"
+            in_agent chmod 0600 "$path"
+        else
+            in_agent chown root:qirn-fleet "$path"
+            in_agent chmod 0640 "$path"
+        fi
         copied+=("$path")
     done < <(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf" | tr ' ' '\n' |
         grep -E '^(sslcert|sslkey|sslrootcert|passfile)=')
+    # The credential works from the agent host, as the agent's user, over
+    # TLS verified against the fleet's CA.
+    local conninfo answer
+    conninfo=$(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf")
+    answer=$(in_agent runuser -u qirn-fleet -- psql -X -q -A -t -v ON_ERROR_STOP=1 "$conninfo" \
+        -c "SELECT current_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE pid = pg_backend_pid())" \
+        -c "SELECT count(*) FROM qirn_fleet.agent_position('events')" 2>&1 | paste -sd' ') ||
+        fail "psql with the printed conninfo as qirn-fleet on the agent host: $answer"
+    [ "$answer" = "qirn_host_$host_name true 0" ] || fail "the host's own connection answered: $answer"
     observed "add-host $host_name printed $(grep -c . "$SCRATCH/add-host.conf") lines;" \
-        "copied ${copied[*]:-nothing}; conninfo: $(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf")"
+        "copied ${copied[*]:-nothing}; as qirn-fleet: $answer (role, TLS, positions); conninfo: $conninfo"
 }
 
 check_events_flow() {
@@ -379,13 +395,14 @@ check_store_restart() {
 check_admin_hosts_and_metrics() {
     in_store qirn-fleet-admin hosts >"$SCRATCH/hosts.txt" 2>&1 || { cat "$SCRATCH/hosts.txt"; fail "qirn-fleet-admin hosts failed"; }
     grep -q "$host_name" "$SCRATCH/hosts.txt" || { cat "$SCRATCH/hosts.txt"; fail "hosts does not list $host_name"; }
+    in_store mkdir -p /root/metrics
     in_store qirn-fleet-admin metrics --textfile /root/metrics >"$SCRATCH/metrics.log" 2>&1 ||
         { cat "$SCRATCH/metrics.log"; fail "qirn-fleet-admin metrics failed"; }
     local prom=$store_root/root/metrics/qirn_fleet_store.prom
     grep -qx 'qirn_fleet_store_up 1' "$prom" || { cat "$prom"; fail "qirn_fleet_store_up is not 1"; }
     grep -qx "qirn_fleet_host_silent{host=\"$host_name\"} 0" "$prom" ||
         { cat "$prom"; fail "$host_name is not reported as not silent"; }
-    observed "hosts: $(grep "$host_name" "$SCRATCH/hosts.txt" | tr -s ' ' | head -n 1);" \
+    observed "hosts: $(grep "$host_name" "$SCRATCH/hosts.txt" | tr -s ' ' | awk 'NR == 1');" \
         "$(grep -c '^qirn_fleet' "$prom") store samples, $host_name silent=0"
 }
 
