@@ -24,8 +24,8 @@ bool isTrueWord(const std::string& value) {
 
 }  // namespace
 
-bool loadConfig(const std::string& path, std::string& inputPath, std::string& outputPath,
-                bool& debug) {
+bool forEachSetting(const std::string& path,
+                    const std::function<void(const std::string&, const std::string&)>& apply) {
     std::ifstream file(path);
     if (!file.is_open()) {
         return false;
@@ -41,9 +41,14 @@ bool loadConfig(const std::string& path, std::string& inputPath, std::string& ou
         if (equals == std::string::npos) {
             continue;
         }
-        const std::string key = trimBlanks(line.substr(0, equals));
-        const std::string value = trimBlanks(line.substr(equals + 1));
+        apply(trimBlanks(line.substr(0, equals)), trimBlanks(line.substr(equals + 1)));
+    }
+    return true;
+}
 
+bool loadConfig(const std::string& path, std::string& inputPath, std::string& outputPath,
+                bool& debug) {
+    return forEachSetting(path, [&](const std::string& key, const std::string& value) {
         if (key == "input_log") {
             inputPath = value;
         } else if (key == "output_log") {
@@ -51,6 +56,5 @@ bool loadConfig(const std::string& path, std::string& inputPath, std::string& ou
         } else if (key == "debug") {
             debug = isTrueWord(value);
         }
-    }
-    return true;
+    });
 }

@@ -10,7 +10,8 @@ class Status {
 public:
     // What kind of failure, for callers that act differently on each; most
     // only log the message.
-    enum class Code { OK, IO_ERROR, INVALID, UNAVAILABLE, CONFLICT, REFUSED };
+    // BUSY: someone else holds what the operation needs (a lease), for now.
+    enum class Code { OK, IO_ERROR, INVALID, UNAVAILABLE, CONFLICT, REFUSED, BUSY };
 
     Status() = default;
 

@@ -34,6 +34,14 @@ public:
         return cut(data, size, maxLines, deliver, [] {});
     }
 
+    // Walks [data, data + size) as `cut` does, but keeps every byte of a line:
+    // a zero byte stays in the text and an empty line is delivered too. For a
+    // shipper that must hand on exactly what was written; no zero byte is
+    // needed after the data. Stops after `maxLines` lines or at the last newline.
+    template <typename Deliver>
+    static Walk cutWhole(const char* data, std::size_t size, std::size_t maxLines,
+                         Deliver&& deliver);
+
     // Length of the text of an unfinished last line of `size` bytes: up to its
     // first zero byte, the same rule as for a whole line.
     static std::size_t textLength(const char* start, std::size_t size);
@@ -66,6 +74,25 @@ LineCutter::Walk LineCutter::cut(const char* data, std::size_t size, std::size_t
                            static_cast<std::size_t>(textEnd - lineStart))) {
             ++counted;
         }
+        lineStart = newline + 1;
+    }
+    return Walk{lineStart, counted};
+}
+
+template <typename Deliver>
+LineCutter::Walk LineCutter::cutWhole(const char* data, std::size_t size, std::size_t maxLines,
+                                      Deliver&& deliver) {
+    const char* const end = data + size;
+    const char* lineStart = data;
+    std::size_t counted = 0;
+    while (counted < maxLines && lineStart < end) {
+        const void* found = std::memchr(lineStart, '\n', static_cast<std::size_t>(end - lineStart));
+        if (found == nullptr) {
+            break;
+        }
+        const char* const newline = static_cast<const char*>(found);
+        deliver(static_cast<const char*>(lineStart), static_cast<std::size_t>(newline - lineStart));
+        ++counted;
         lineStart = newline + 1;
     }
     return Walk{lineStart, counted};

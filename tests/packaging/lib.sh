@@ -15,6 +15,10 @@ readonly SKIP=77
 : "${QLC_BINARY:?set by CTest}"
 : "${QLC_UNIT_DIR:?set by CTest}"
 : "${QLC_PACKAGE_DOCS:?set by CTest}"
+# The configured configuration directory: absolute, or empty (by the prefix).
+: "${QLC_SYSCONF_DIR?set by CTest}"
+# The agent's binary, empty when this build has no fleet agent.
+: "${QLC_AGENT_BINARY=}"
 
 skip() {
     echo "SKIP: $*"
@@ -75,6 +79,20 @@ unit_dir_of() {
     /*) echo "$destdir$QLC_UNIT_DIR" ;;
     *) echo "$destdir$prefix/$QLC_UNIT_DIR" ;;
     esac
+}
+
+# The directory below the DESTDIR $1 where an install with prefix $2 put the
+# configuration: the build's own setting (/etc in the package build), else
+# /etc for the prefix /usr and PREFIX/etc for any other.
+etc_dir_of() {
+    local destdir=$1 prefix=${2%/}
+    if [ -n "$QLC_SYSCONF_DIR" ]; then
+        echo "$destdir$QLC_SYSCONF_DIR"
+    elif [ -z "$prefix" ] || [ "$prefix" = /usr ]; then
+        echo "$destdir/etc"
+    else
+        echo "$destdir$prefix/etc"
+    fi
 }
 
 # Skips unless this process may make a private mount namespace with a bind

@@ -45,4 +45,30 @@ for code in type no-container no-stamp bad-stamp no-path unknown-event unknown-s
     grep -qE "^       $code( |$)" "$SCRATCH/page1.txt" || fail "qirn-log-convert.1: reason $code not documented"
 done
 tr -s ' \n' ' ' <"$SCRATCH/page1.txt" | grep -qF 'one letter short' || fail "qirn-log-convert.1: the name is not explained"
+
+note "the fleet's pages: groff -man -ww -z, sections, the synopsis"
+check_fleet_page() {
+    local page=$1 synopsis=$2 section
+    shift 2
+    groff -man -ww -z "$page" >"$SCRATCH/groff-fleet.txt" 2>&1 ||
+        { cat "$SCRATCH/groff-fleet.txt"; fail "groff failed on $page"; }
+    if [ -s "$SCRATCH/groff-fleet.txt" ]; then
+        cat "$SCRATCH/groff-fleet.txt"
+        fail "groff warns about $page"
+    fi
+    for section in NAME SYNOPSIS DESCRIPTION "EXIT STATUS" FILES "SEE ALSO" "$@"; do
+        grep -qx "\\.SH \"\\?$section\"\\?" "$page" || fail "$page: no $section section"
+    done
+    groff -man -Tutf8 -P-c -rLL=120n "$page" 2>/dev/null | sed 's/.\x08//g' >"$SCRATCH/fleet-page.txt"
+    grep -qF "$synopsis" "$SCRATCH/fleet-page.txt" || fail "$page: the synopsis is missing from the rendered page"
+}
+fleet="$QLC_SOURCE_DIR/packaging/fleet"
+check_fleet_page "$fleet/qirn-fleet-agent.8" 'qirn-fleet-agent [--config file]' \
+    OPTIONS CONFIGURATION "READ POSITION" METRICS SIGNALS DIAGNOSTICS
+check_fleet_page "$fleet/qirn-fleet-complete.8" 'qirn-fleet-complete' ENVIRONMENT METRICS
+# Every key of the agent's configuration file is documented.
+for key in conninfo event_log backfill_log heartbeat_seconds textfile_dir batch_lines commit_delay_ms; do
+    grep -q "^\\.BI $key= " "$fleet/qirn-fleet-agent.8" || fail "qirn-fleet-agent.8: $key is not documented"
+    grep -q "^#$key=" "$fleet/qirn-fleet-agent.conf" || fail "qirn-fleet-agent.conf does not show $key"
+done
 echo "PASS"

@@ -1,0 +1,85 @@
+// qirn-fleet-agent: ships this host's event log and backfill log into the
+// fleet's store under the host's own database role.
+
+#include <malloc.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "agent/AgentConfig.h"
+#include "agent/FleetAgent.h"
+#include "agent/HostIdentity.h"
+#include "agent/PgStoreSession.h"
+
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+// A burst's read-ahead and batches are big blocks: mapped on their own and
+// unmapped when freed, so an agent back to idle is small again.
+constexpr int OWN_MAPPING_FROM = 256 * 1024;
+constexpr int EXIT_CONFIG = 3;
+
+FleetAgent* runningAgent = nullptr;
+
+void onStopSignal(int) {
+    if (runningAgent != nullptr) {
+        runningAgent->requestStop();
+    }
+}
+
+void logLine(const std::string& line) {
+    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fflush(stderr);
+}
+
+void installSignals() {
+    struct sigaction action {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_FROM);
+    std::string configPath = AgentConfig::DEFAULT_PATH;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--config" && i + 1 < argc) {
+            configPath = argv[++i];
+        } else if (argument.rfind("--config=", 0) == 0) {
+            configPath = argument.substr(std::strlen("--config="));
+        } else {
+            std::fprintf(stderr, "usage: qirn-fleet-agent [--config FILE]\n");
+            return EXIT_USAGE;
+        }
+    }
+    AgentConfig config;
+    const Status loaded = AgentConfig::load(configPath, AgentConfig::SERVICE_CONFIG_PATH, config);
+    if (!loaded.ok()) {
+        logLine("cannot start: " + loaded.message());
+        return EXIT_CONFIG;
+    }
+    for (const std::string& key : config.unknownKeys) {
+        logLine(configPath + ": unknown setting \"" + key + "\" ignored");
+    }
+    const std::string agentName = HostIdentity::agentName();
+    const std::string zone = HostIdentity::zone();
+    logLine("qirn-fleet-agent " + agentName + " (zone " + zone + ") ships " + config.eventLog +
+            " and " + config.backfillLog);
+    PgStoreSession store(config.conninfo, agentName, zone);
+    FleetAgent agent(config, store, logLine);
+    runningAgent = &agent;
+    installSignals();
+    agent.run();
+    runningAgent = nullptr;
+    logLine("stopped");
+    return 0;
+}
