@@ -31,8 +31,9 @@ public:
     std::string textfileDir = DEFAULT_TEXTFILE_DIR;
     std::size_t batchLines = 10000;
     std::chrono::milliseconds commitDelay{50};
-    // Ship calls sent before the first one's answer is read (pipelined).
-    std::size_t shipsInFlight = 1;
+    // Ship calls sent before the first one's answer is read (pipelined), so
+    // that a long round trip is paid once for two batches.
+    std::size_t shipsInFlight = 2;
     // Keys the file set that the agent does not know, to be warned about.
     std::vector<std::string> unknownKeys;
 };

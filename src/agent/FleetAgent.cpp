@@ -27,11 +27,11 @@ void FleetAgent::requestStop() {
 }
 
 FleetAgent::Counters FleetAgent::counters() const {
-    Counters counters = counters_;
+    Counters total = counters_;
     for (const auto& follower : followers_) {
-        counters.lostFiles += follower->lostFiles();
+        total.lostFiles += follower->lostFiles();
     }
-    return counters;
+    return total;
 }
 
 bool FleetAgent::mayCall(Clock::time_point now) const { return stopping_ || now >= retryAt_; }
@@ -213,14 +213,14 @@ void FleetAgent::writeMetrics() {
         values.lags.push_back(
             {follower->stream(), follower->lagBytes(), follower->lagSeconds(now)});
     }
-    const Counters counters = this->counters();
+    const Counters total = counters();
     values.lastCommit = lastCommit_;
     values.lastHeartbeat = lastHeartbeat_;
-    values.stored = counters.stored;
-    values.duplicates = counters.duplicates;
-    values.unparsed = counters.unparsed;
-    values.errors = counters.errors;
-    values.lostFiles = counters.lostFiles;
+    values.stored = total.stored;
+    values.duplicates = total.duplicates;
+    values.unparsed = total.unparsed;
+    values.errors = total.errors;
+    values.lostFiles = total.lostFiles;
     const Status written = MetricsFile::write(config_.textfileDir, values);
     const std::string problem = written.ok() ? "" : written.message();
     if (problem != lastMetricsError_ && !problem.empty()) {

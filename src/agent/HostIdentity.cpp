@@ -1,10 +1,10 @@
 #include "agent/HostIdentity.h"
 
-#include <limits.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 
 namespace {
@@ -36,7 +36,9 @@ std::string HostIdentity::agentName() {
     struct tm utc {};
     gmtime_r(&now, &utc);
     char started[32];
-    strftime(started, sizeof started, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    if (strftime(started, sizeof started, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) {
+        started[0] = '\0';
+    }
     return std::string(host) + ":" + std::to_string(getpid()) + ":" + started;
 }
 
@@ -54,8 +56,7 @@ std::string HostIdentity::zone(const std::string& root) {
     char target[PATH_MAX] = {};
     const ssize_t length = readlink((root + "/etc/localtime").c_str(), target, sizeof target - 1);
     if (length > 0) {
-        const std::string named =
-            afterZoneinfo(std::string(target, static_cast<std::size_t>(length)));
+        std::string named = afterZoneinfo(std::string(target, static_cast<std::size_t>(length)));
         if (!named.empty()) {
             return named;
         }

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr const char* ROTATED_SUFFIX = ".1";
+constexpr const char* EVENTS_STREAM = "events";
 
 int openForReading(const std::string& path) {
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
@@ -60,13 +61,17 @@ bool LogFollower::openLive() {
     const int fd = openForReading(path_);
     if (fd < 0) {
         reportOnce(errno == ENOENT
-                       ? stream_ + " log " + path_ + " does not exist yet: waiting for it"
-                       : "event log unreadable: " + path_ + ": " + std::strerror(errno));
+                       ? logName() + " " + path_ + " does not exist yet: waiting for it"
+                       : logName() + " unreadable: " + path_ + ": " + std::strerror(errno));
         return false;
     }
     lastReport_.clear();
     adopt(fd, 0);
     return true;
+}
+
+std::string LogFollower::logName() const {
+    return stream_ == EVENTS_STREAM ? "event log" : stream_ + " log";
 }
 
 void LogFollower::unposition() {
@@ -113,7 +118,7 @@ void LogFollower::resume(const StoreSession::Position& position) {
 // A file that shrank below what was read, or whose first bytes changed, was
 // truncated (copytruncate) and written again: all of it is new.
 void LogFollower::startAgain(const std::string& why) {
-    log_(why + ": reading " + stream_ + " log " + path_ + " again from 0");
+    log_(why + ": reading " + logName() + " " + path_ + " again from 0");
     buffer_.clear();
     bufferOffset_ = 0;
     keyed_ = false;
@@ -145,7 +150,7 @@ std::size_t LogFollower::readMore() {
             if (error == EINTR) {
                 continue;
             }
-            reportOnce("event log unreadable: " + path_ + ": " + std::strerror(error));
+            reportOnce(logName() + " unreadable: " + path_ + ": " + std::strerror(error));
             break;
         }
         buffer_.resize(before + static_cast<std::size_t>(got));
@@ -172,11 +177,11 @@ void LogFollower::checkRotation() {
 void LogFollower::switchToLive() {
     if (!buffer_.empty()) {
         log_(std::to_string(buffer_.size()) + " bytes without a newline at the end of the " +
-             stream_ + " log's rotated file are not shipped");
+             logName() + "'s rotated file are not shipped");
     }
     closeFile();
     if (openLive()) {
-        log_("following the new " + stream_ + " log " + path_);
+        log_("following the new " + logName() + " " + path_);
     }
 }
 
@@ -244,7 +249,7 @@ Status LogFollower::takeBatches(std::size_t maxLines, std::size_t count,
         return Status::success();
     }
     if (!keyed_) {
-        const Status made = FileKey::make(fd_, key_);
+        Status made = FileKey::make(fd_, key_);
         if (!made.ok()) {
             return made;
         }

@@ -59,6 +59,8 @@ public:
     int64_t committedOffset() const { return committedOffset_; }
 
 private:
+    // "event log" or "backfill log", for what the follower says.
+    std::string logName() const;
     bool openLive();
     void adopt(int fd, int64_t offset);
     void closeFile();

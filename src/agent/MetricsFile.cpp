@@ -23,8 +23,11 @@ void metric(std::string& out, const char* name, const char* type, const char* he
 // Milliseconds are as fine as any of these values gets; no trailing zeros.
 std::string number(double value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    std::string out = text;
+    const int length = std::snprintf(text, sizeof text, "%.3f", value);
+    std::string out(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+    if (out.empty()) {
+        return "0";
+    }
     while (out.back() == '0') {
         out.pop_back();
     }

@@ -24,6 +24,8 @@ constexpr Oid TEXT_ARRAY_OID = 1009;
 constexpr Oid BYTEA_ARRAY_OID = 1001;
 constexpr int BINARY = 1;
 constexpr int TEXT_RESULTS = 0;
+// Parameters of this size leave buffers worth giving back once idle.
+constexpr std::size_t BULKY_PARAMETERS = std::size_t{256} << 10;
 
 constexpr std::string_view POSITION_MOVED = "QF001";
 constexpr std::string_view LEASE_HELD = "QF002";
@@ -110,6 +112,13 @@ public:
     void addView(Oid type, std::string_view value) { add(type, std::string(value)); }
 
     int count() const { return static_cast<int>(values_.size()); }
+    std::size_t bytes() const {
+        std::size_t total = 0;
+        for (const std::string& value : values_) {
+            total += value.size();
+        }
+        return total;
+    }
     const Oid* types() const { return types_.data(); }
     void pointers(std::vector<const char*>& values, std::vector<int>& lengths,
                   std::vector<int>& formats) const {
@@ -163,7 +172,7 @@ bool sendQuery(PGconn* connection, const char* sql, const Parameters& parameters
 }
 
 int64_t numberAt(const PGresult* result, int column) {
-    return PQgetisnull(result, 0, column)
+    return PQgetisnull(result, 0, column) != 0
                ? 0
                : std::strtoll(PQgetvalue(result, 0, column), nullptr, 10);
 }
@@ -175,10 +184,15 @@ PgStoreSession::PgStoreSession(std::string conninfo, std::string agent, std::str
 
 bool PgStoreSession::connected() const { return reached_; }
 
-// libpq keeps a connection's buffers at the largest batch they held; an idle
-// agent gives them back by closing, and opens a new connection for its next
-// call. Behind PgBouncer an idle agent then holds no client slot either.
-void PgStoreSession::rest() { connection_.reset(); }
+// libpq keeps a connection's buffers at the largest batch they held; after a
+// burst an idle agent gives them back by closing, and opens a new connection
+// for its next call. A light flow keeps its connection and its latency.
+void PgStoreSession::rest() {
+    if (bulky_) {
+        connection_.reset();
+        bulky_ = false;
+    }
+}
 
 Status PgStoreSession::connect() {
     if (connection_ != nullptr && PQstatus(connection_.get()) == CONNECTION_OK) {
@@ -254,7 +268,7 @@ Status PgStoreSession::position(const std::string& stream, Position& position) {
         return status;
     }
     position = Position{};
-    if (PQntuples(result.get()) > 0 && !PQgetisnull(result.get(), 0, 0)) {
+    if (PQntuples(result.get()) > 0 && PQgetisnull(result.get(), 0, 0) == 0) {
         position.present = true;
         position.fileKey = PQgetvalue(result.get(), 0, 0);
         position.fileOffset = numberAt(result.get(), 1);
@@ -286,6 +300,7 @@ void PgStoreSession::ship(const std::vector<Batch>& batches, std::vector<Shipped
     }
     for (const Batch& batch : batches) {
         const Parameters parameters = shipParameters(agent_, zone_, batch);
+        bulky_ = bulky_ || parameters.bytes() >= BULKY_PARAMETERS;
         const Result result(execute(connection_.get(), SHIP_SQL, parameters));
         replies.push_back(shippedOf(result.get()));
     }
@@ -307,6 +322,7 @@ void PgStoreSession::shipPipelined(const std::vector<Batch>& batches,
     std::size_t sent = 0;
     for (const Batch& batch : batches) {
         const Parameters parameters = shipParameters(agent_, zone_, batch);
+        bulky_ = bulky_ || parameters.bytes() >= BULKY_PARAMETERS;
         if (!sendQuery(connection, SHIP_SQL, parameters) || PQpipelineSync(connection) != 1) {
             break;
         }

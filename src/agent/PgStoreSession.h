@@ -46,4 +46,6 @@ private:
     std::string zone_;
     Connection connection_;
     bool reached_ = false;
+    // The connection carried a batch big enough to leave large buffers.
+    bool bulky_ = false;
 };

@@ -43,7 +43,7 @@ std::string RetryPolicy::onSuccess() {
     }
     // The end of a wait for the lease is the caller's to say: the store never
     // stopped answering.
-    const std::string message =
+    std::string message =
         outage_ == Status::Code::BUSY
             ? ""
             : "the store answers again after " + std::to_string(failures_) + " failed calls";

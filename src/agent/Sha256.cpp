@@ -23,9 +23,10 @@ uint32_t rotateRight(uint32_t value, int bits) { return (value >> bits) | (value
 
 void Sha256::compress(std::array<uint32_t, 8>& state, const unsigned char* block) {
     uint32_t w[64];
-    for (int i = 0; i < 16; ++i) {
-        w[i] = (uint32_t{block[4 * i]} << 24) | (uint32_t{block[4 * i + 1]} << 16) |
-               (uint32_t{block[4 * i + 2]} << 8) | uint32_t{block[4 * i + 3]};
+    for (std::size_t i = 0; i < 16; ++i) {
+        const unsigned char* word = block + 4 * i;
+        w[i] = (uint32_t{word[0]} << 24) | (uint32_t{word[1]} << 16) | (uint32_t{word[2]} << 8) |
+               uint32_t{word[3]};
     }
     for (int i = 16; i < 64; ++i) {
         const uint32_t s0 =

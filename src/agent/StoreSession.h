@@ -57,8 +57,8 @@ public:
     virtual void ship(const std::vector<Batch>& batches, std::vector<Shipped>& replies) = 0;
     virtual Status heartbeat(const Heartbeat& heartbeat) = 0;
     virtual Status release() = 0;
-    // Nothing to ship for a while: a session may let its connection go, and
-    // the memory a burst's batches left in it, until the next call.
+    // Nothing shipped for a heartbeat: a session may let its connection go,
+    // and the memory a burst's batches left in it, until the next call.
     virtual void rest() {}
     // Whether the last call reached the store.
     virtual bool connected() const = 0;

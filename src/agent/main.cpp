@@ -2,8 +2,8 @@
 // fleet's store under the host's own database role.
 
 #include <malloc.h>
-#include <signal.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -30,8 +30,12 @@ void onStopSignal(int) {
 }
 
 void logLine(const std::string& line) {
-    std::fprintf(stderr, "%s\n", line.c_str());
-    std::fflush(stderr);
+    // One write per line, so lines from a dying agent never interleave.
+    const std::string text = line + "\n";
+    if (std::fwrite(text.data(), 1, text.size(), stderr) != text.size()) {
+        return;
+    }
+    (void)std::fflush(stderr);
 }
 
 void installSignals() {
@@ -57,7 +61,7 @@ int main(int argc, char** argv) {
         } else if (argument.rfind("--config=", 0) == 0) {
             configPath = argument.substr(std::strlen("--config="));
         } else {
-            std::fprintf(stderr, "usage: qirn-fleet-agent [--config FILE]\n");
+            logLine("usage: qirn-fleet-agent [--config FILE]");
             return EXIT_USAGE;
         }
     }
@@ -68,7 +72,11 @@ int main(int argc, char** argv) {
         return EXIT_CONFIG;
     }
     for (const std::string& key : config.unknownKeys) {
-        logLine(configPath + ": unknown setting \"" + key + "\" ignored");
+        std::string warning = configPath;
+        warning += ": unknown setting \"";
+        warning += key;
+        warning += "\" ignored";
+        logLine(warning);
     }
     const std::string agentName = HostIdentity::agentName();
     const std::string zone = HostIdentity::zone();

@@ -19,7 +19,7 @@ TEST(AgentConfigTest, DefaultsApplyToWhatTheFileDoesNotSet) {
     EXPECT_EQ("/var/lib/prometheus/node-exporter", config.textfileDir);
     EXPECT_EQ(10000u, config.batchLines);
     EXPECT_EQ(std::chrono::milliseconds(50), config.commitDelay);
-    EXPECT_EQ(1u, config.shipsInFlight);
+    EXPECT_EQ(2u, config.shipsInFlight);
 }
 
 TEST(AgentConfigTest, EventLogDefaultsToTheServicesOutputLog) {
@@ -50,7 +50,7 @@ TEST(AgentConfigTest, ReadsEverySetting) {
               "textfile_dir=\n"
               "batch_lines=500\n"
               "commit_delay_ms=0\n"
-              "ships_in_flight=2\n"
+              "ships_in_flight=1\n"
               "#conninfo=commented out\n");
     AgentConfig config;
     ASSERT_TRUE(AgentConfig::load(dir.file("agent.conf"), dir.file("none"), config).ok());
@@ -61,7 +61,7 @@ TEST(AgentConfigTest, ReadsEverySetting) {
     EXPECT_EQ("", config.textfileDir);
     EXPECT_EQ(500u, config.batchLines);
     EXPECT_EQ(std::chrono::milliseconds(0), config.commitDelay);
-    EXPECT_EQ(2u, config.shipsInFlight);
+    EXPECT_EQ(1u, config.shipsInFlight);
 }
 
 TEST(AgentConfigTest, AConnectionStringIsRequired) {

@@ -60,6 +60,7 @@ private:
         config.heartbeatSeconds = 1;
         config.batchLines = 100;
         config.commitDelay = 20ms;
+        config.shipsInFlight = 1;
         if (adjust != nullptr) {
             adjust(config);
         }

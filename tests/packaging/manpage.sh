@@ -66,8 +66,10 @@ fleet="$QLC_SOURCE_DIR/packaging/fleet"
 check_fleet_page "$fleet/qirn-fleet-agent.8" 'qirn-fleet-agent [--config file]' \
     OPTIONS CONFIGURATION "READ POSITION" METRICS SIGNALS DIAGNOSTICS
 check_fleet_page "$fleet/qirn-fleet-complete.8" 'qirn-fleet-complete' ENVIRONMENT METRICS
-# Every key of the agent's configuration file is documented.
-for key in conninfo event_log backfill_log heartbeat_seconds textfile_dir batch_lines commit_delay_ms; do
+# Every key the agent reads is documented, and shown in its configuration file.
+keys=$(grep -o 'key == "[a-z_]*"' "$QLC_SOURCE_DIR/src/agent/AgentConfig.cpp" | cut -d'"' -f2)
+[ -n "$keys" ] || fail "no configuration keys found in src/agent/AgentConfig.cpp"
+for key in $keys; do
     grep -q "^\\.BI $key= " "$fleet/qirn-fleet-agent.8" || fail "qirn-fleet-agent.8: $key is not documented"
     grep -q "^#$key=" "$fleet/qirn-fleet-agent.conf" || fail "qirn-fleet-agent.conf does not show $key"
 done

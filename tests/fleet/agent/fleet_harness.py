@@ -33,7 +33,10 @@ SKIP = 77
 SOURCE_DIR = base.SOURCE_DIR
 BUILD_DIR = base.BUILD_DIR
 BINARY = base.BINARY
-AGENT = os.environ.get("QLC_AGENT", os.path.join(BUILD_DIR, "qirn-fleet-agent"))
+AGENT = os.environ.get("QLC_AGENT") or next(
+    (p for p in (os.path.join(BUILD_DIR, "src", "agent", "qirn-fleet-agent"),
+                 os.path.join(BUILD_DIR, "qirn-fleet-agent")) if os.path.exists(p)),
+    os.path.join(BUILD_DIR, "src", "agent", "qirn-fleet-agent"))
 CONVERT = os.environ.get("QLC_CONVERT", os.path.join(BUILD_DIR, "qirn-log-convert"))
 FLEET = os.path.join(SOURCE_DIR, "packaging", "fleet")
 ADMIN = os.path.join(FLEET, "qirn-fleet-admin")
@@ -250,6 +253,12 @@ class FleetTest(base.ShippingTest):
         # the loop): its /run/qlc/store-files.
         files = os.path.join(self.agent.run, "store-files", "hosts", name)
         shutil.copytree(folder, files)
+        # libpq ignores a password file that its group may read: as the
+        # operator installs it, for the one user that reads it.
+        for where in (folder, files):
+            for entry in os.listdir(where):
+                if entry.endswith(".pgpass"):
+                    os.chmod(os.path.join(where, entry), 0o600)
         return folder, said
 
     def conninfo(self, name, port=PG_PORT, inside=False):
