@@ -2,8 +2,8 @@
 # The fleet agent's units as installed: the agent's unit, the loop's unit and
 # timer pass systemd-analyze verify; the agent's unit runs as qirn-fleet in
 # group adm, restarts on failure and its security exposure is 2.0 or lower;
-# its tmpfiles.d file makes the backfill log root:adm 0640 and gives the
-# agent's user its entry on node_exporter's textfile directory.
+# its tmpfiles.d file makes the backfill log root:adm 0640 and its setfacl
+# gives the agent's user its entry on node_exporter's textfile directory.
 source "$(dirname "$0")/lib.sh"
 require_tool systemd-analyze systemd-tmpfiles
 [ -n "$QLC_AGENT_BINARY" ] || skip "this build has no fleet agent (QLC_BUILD_FLEET=OFF)"
@@ -42,7 +42,8 @@ fi
 note "identity, restart, what it may write"
 for line in User=qirn-fleet SupplementaryGroups=adm Restart=on-failure \
         ProtectSystem=strict ReadWritePaths=-/var/lib/prometheus/node-exporter \
-        'ExecStartPre=+/bin/systemd-tmpfiles --create qirn-fleet-agent.conf'; do
+        'ExecStartPre=+/bin/systemd-tmpfiles --create qirn-fleet-agent.conf' \
+        'ExecStartPre=-+/usr/bin/setfacl -m u:qirn-fleet:rwx /var/lib/prometheus/node-exporter'; do
     grep -qxF "$line" "$unit" || fail "the agent's unit lacks $line"
 done
 if grep -E '^(ReadWritePaths|StateDirectory|LogsDirectory|RuntimeDirectory)=' "$unit" |
@@ -56,7 +57,7 @@ systemd-analyze security --offline=yes --no-pager "$unit" >"$SCRATCH/security.tx
 check_exposure "$SCRATCH/security.txt" 2.0
 agent_exposure=$exposure
 
-note "tmpfiles.d: the backfill log root:adm 0640, the textfile directory's ACL"
+note "tmpfiles.d: the backfill log root:adm 0640; setfacl: the textfile directory's ACL"
 tmpfiles="$root/usr/lib/tmpfiles.d/qirn-fleet-agent.conf"
 target="$SCRATCH/target"
 mkdir -p "$target/var/log" "$target/var/lib/prometheus/node-exporter" "$target/etc"
@@ -79,15 +80,24 @@ if [ -s "$SCRATCH/tmpfiles.txt" ]; then
 fi
 attributes=$(stat -c '%U:%G %a' "$target/var/log/zarvo_container.backfill.log")
 [ "$attributes" = "root:adm 640" ] || fail "the backfill log is $attributes after systemd-tmpfiles"
-# A directory with an ACL shows its mask as the group bits: rwx for the entry.
-[ "$(stat -c %A "$target/var/lib/prometheus/node-exporter")" = drwxrwxr-x ] ||
-    fail "no ACL entry on the textfile directory: $(stat -c %A "$target/var/lib/prometheus/node-exporter")"
-if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
-    uid=$(id -u "$stand_in")
-    chmod 0755 "$SCRATCH" "$target" "$target/var" "$target/var/lib" "$target/var/lib/prometheus"
-    setpriv --reuid "$uid" --regid "$(id -g "$stand_in")" --clear-groups \
-        touch "$target/var/lib/prometheus/node-exporter/qirn_fleet_agent.prom" ||
-        fail "the agent's user cannot write into the textfile directory"
+# The unit's own setfacl line, for the stand-in user and below the target.
+if command -v setfacl >/dev/null; then
+    acl_line=$(sed -n 's/^ExecStartPre=-+//p' "$unit" | grep '^/usr/bin/setfacl ')
+    acl_line=${acl_line//u:qirn-fleet:/u:$stand_in:}
+    acl_line=${acl_line// \/var\/lib\/prometheus/ $target\/var\/lib\/prometheus}
+    $acl_line || fail "the unit's setfacl failed: $acl_line"
+    # A directory with an ACL shows its mask as the group bits: rwx for the entry.
+    [ "$(stat -c %A "$target/var/lib/prometheus/node-exporter")" = drwxrwxr-x ] ||
+        fail "no ACL entry on the textfile directory: $(stat -c %A "$target/var/lib/prometheus/node-exporter")"
+    if [ "$(id -u)" -eq 0 ] && command -v setpriv >/dev/null; then
+        uid=$(id -u "$stand_in")
+        chmod 0755 "$SCRATCH" "$target" "$target/var" "$target/var/lib" "$target/var/lib/prometheus"
+        setpriv --reuid "$uid" --regid "$(id -g "$stand_in")" --clear-groups \
+            touch "$target/var/lib/prometheus/node-exporter/qirn_fleet_agent.prom" ||
+            fail "the agent's user cannot write into the textfile directory"
+    fi
+else
+    echo "setfacl is not installed (package acl): the textfile directory's ACL is not checked"
 fi
 rm -rf "$target/var/lib/prometheus"
 systemd-tmpfiles --root="$target" --create "$SCRATCH/tmpfiles.conf" >"$SCRATCH/tmpfiles.txt" 2>&1 ||
