@@ -53,8 +53,12 @@ readonly CHECKS=(
 # --- The two containers -----------------------------------------------------
 
 roots=${QLC_FLEET_ROOTS:-$QLC_BUILD_DIR/fleet-roots}
-store_packages=(systemd systemd-sysv dbus postgresql-15 postgresql-client-15 openssl)
-agent_packages=(systemd systemd-sysv dbus logrotate libpq5 postgresql-client-15 openssl)
+# node_exporter on both, as the fleet's metrics expect: its textfile
+# directory is where the agent and the store's timer write.
+store_packages=(systemd systemd-sysv dbus postgresql-15 postgresql-client-15 openssl
+    prometheus-node-exporter)
+agent_packages=(systemd systemd-sysv dbus logrotate libpq5 postgresql-client-15 openssl acl
+    prometheus-node-exporter)
 netns_store=qlc-fleet-store-$$
 netns_agent=qlc-fleet-agent-$$
 declare -A nspawn_pid=() init_pid=()
@@ -237,6 +241,14 @@ agent_metric() {
 }
 agent_connected() { [ "$(agent_metric qirn_fleet_agent_connected)" = 1 ]; }
 
+# What Prometheus would scrape from node_exporter on host $1 (store or agent).
+scrape() {
+    in_ct "$1" bash -c 'exec 3<>/dev/tcp/127.0.0.1/9100 &&
+        printf "GET /metrics HTTP/1.0\r\nHost: localhost\r\n\r\n" >&3 && cat <&3'
+}
+# node_exporter on host $1 serves a sample matching the regular expression $2.
+serves() { scrape "$1" 2>/dev/null | grep -qE "$2"; }
+
 prop() { in_ct "$1" systemctl show -P "$2" "$3"; }
 active() { [ "$(prop "$1" ActiveState "$2")" = active ]; }
 main_pid_other_than() {
@@ -354,10 +366,21 @@ check_events_flow() {
         { in_agent journalctl -u qirn-fleet-agent --no-pager | tail -n 20; fail "the agent did not start"; }
     append_audit 5 flow
     wait_store_complete "first events" 30
-    wait_for 15 agent_connected || fail "the agent's metrics do not say connected"
+    wait_for 15 agent_connected || {
+        ls -l "$agent_root$(dirname "$agent_metrics")" || true
+        cat "$agent_root$agent_metrics" || true
+        in_agent journalctl -q -u qirn-fleet-agent --no-pager | tail -n 20
+        fail "the agent's metrics do not say connected"
+    }
+    # Through node_exporter's textfile collector, as Prometheus sees it.
+    wait_for 15 serves agent '^qirn_fleet_agent_connected 1$' ||
+        fail "node_exporter does not serve qirn_fleet_agent_connected 1"
+    local mtime
+    mtime=$(scrape agent | grep -E '^node_textfile_mtime_seconds\{file="[^"]*qirn_fleet_agent\.prom"\}' | tr -d '\r') ||
+        fail "node_exporter serves no node_textfile_mtime_seconds for the agent's file"
     observed "5 audit lines -> $stored_count events in qirn_fleet.events;" \
         "agent metrics: connected=$(agent_metric qirn_fleet_agent_connected)" \
-        "stored_total=$(agent_metric qirn_fleet_agent_events_stored_total)"
+        "stored_total=$(agent_metric qirn_fleet_agent_events_stored_total); node_exporter: ${mtime%% *}"
 }
 
 check_agent_restart() {
@@ -395,15 +418,20 @@ check_store_restart() {
 check_admin_hosts_and_metrics() {
     in_store qirn-fleet-admin hosts >"$SCRATCH/hosts.txt" 2>&1 || { cat "$SCRATCH/hosts.txt"; fail "qirn-fleet-admin hosts failed"; }
     grep -q "$host_name" "$SCRATCH/hosts.txt" || { cat "$SCRATCH/hosts.txt"; fail "hosts does not list $host_name"; }
-    in_store mkdir -p /root/metrics
-    in_store qirn-fleet-admin metrics --textfile /root/metrics >"$SCRATCH/metrics.log" 2>&1 ||
+    # What the store's metrics timer runs, into node_exporter's directory.
+    in_store qirn-fleet-admin metrics >"$SCRATCH/metrics.log" 2>&1 ||
         { cat "$SCRATCH/metrics.log"; fail "qirn-fleet-admin metrics failed"; }
-    local prom=$store_root/root/metrics/qirn_fleet_store.prom
+    local prom=$store_root/var/lib/prometheus/node-exporter/qirn_fleet_store.prom
     grep -qx 'qirn_fleet_store_up 1' "$prom" || { cat "$prom"; fail "qirn_fleet_store_up is not 1"; }
     grep -qx "qirn_fleet_host_silent{host=\"$host_name\"} 0" "$prom" ||
         { cat "$prom"; fail "$host_name is not reported as not silent"; }
+    serves store "^qirn_fleet_host_silent\\{host=\"$host_name\"\\} 0" ||
+        fail "node_exporter on the store host does not serve $host_name's silence"
+    local contact
+    contact=$(sed -n "s/^qirn_fleet_host_last_contact_timestamp_seconds{host=\"$host_name\"} //p" "$prom")
+    [ "${contact%.*}" -gt 0 ] 2>/dev/null || fail "no last contact for $host_name: $contact"
     observed "hosts: $(grep "$host_name" "$SCRATCH/hosts.txt" | tr -s ' ' | awk 'NR == 1');" \
-        "$(grep -c '^qirn_fleet' "$prom") store samples, $host_name silent=0"
+        "$(grep -c '^qirn_fleet' "$prom") store samples served by node_exporter, $host_name silent=0, last contact $contact"
 }
 
 check_upgrade_both() {
