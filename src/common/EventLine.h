@@ -11,10 +11,12 @@
 #include <string>
 #include <string_view>
 
+#include "common/TimeText.h"
+
 class EventLine {
 public:
-    // "%b %d %H:%M:%S": the time text that opens every event line.
-    static constexpr std::size_t TIME_LENGTH = 15;
+    // The time text that opens every event line.
+    static constexpr std::size_t TIME_LENGTH = TimeText::LENGTH;
     static constexpr std::string_view CONTAINER_MARKER = ",container_id=";
     static constexpr std::string_view EVENT_MARKER = ",Event=";
     static constexpr std::string_view PATH_MARKER = ",path=";

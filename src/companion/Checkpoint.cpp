@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -20,14 +19,28 @@ constexpr const char* HEADER = "# qirn-log-convert checkpoint: device inode offs
 
 Checkpoint::Checkpoint(const std::string& path) : path_(path) {}
 
-bool Checkpoint::load() {
+std::vector<Status> Checkpoint::checkInputs(const std::vector<std::string>& names) {
+    std::vector<Status> failures;
+    for (const std::string& name : names) {
+        struct stat info {};
+        // A missing file is reported when its turn comes, like without a
+        // checkpoint; what exists must have a place to resume from.
+        if (stat(name.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+            failures.push_back(Status::failure(
+                Status::Code::INVALID, name + ": not a regular file: --checkpoint cannot record "
+                                              "where a pipe or device stopped"));
+        }
+    }
+    return failures;
+}
+
+Status Checkpoint::load() {
     std::ifstream in(path_);
     if (!in.is_open()) {
         if (errno == ENOENT) {
-            return true;
+            return Status::success();
         }
-        error_ = path_ + ": cannot open checkpoint: " + std::strerror(errno);
-        return false;
+        return Status::systemError(path_ + ": cannot open checkpoint", errno);
     }
     std::string text;
     while (std::getline(in, text)) {
@@ -38,14 +51,14 @@ bool Checkpoint::load() {
         Entry entry;
         if (!(fields >> entry.device >> entry.inode >> entry.offset >> entry.nextLine) ||
             entry.offset < 0 || entry.nextLine == 0) {
-            error_ = path_ + ": malformed checkpoint line: " + text;
-            return false;
+            return Status::failure(Status::Code::INVALID,
+                                   path_ + ": malformed checkpoint line: " + text);
         }
         fields >> std::ws;
         std::getline(fields, entry.name);
         loaded_.push_back(entry);
     }
-    return true;
+    return Status::success();
 }
 
 const Checkpoint::Entry* Checkpoint::find(uint64_t device, uint64_t inode) const {
@@ -55,6 +68,26 @@ const Checkpoint::Entry* Checkpoint::find(uint64_t device, uint64_t inode) const
         }
     }
     return nullptr;
+}
+
+Checkpoint::Entry Checkpoint::resumeOf(const std::string& name, uint64_t device, uint64_t inode,
+                                       int64_t size, bool compressed, std::string& note) const {
+    Entry resume;
+    resume.device = device;
+    resume.inode = inode;
+    resume.name = name;
+    const Entry* const entry = find(device, inode);
+    if (entry == nullptr) {
+        return resume;
+    }
+    if (!compressed && size < entry->offset) {
+        note = name + ": shorter than its checkpoint (" + std::to_string(size) + " < " +
+               std::to_string(entry->offset) + " bytes), converting it from its beginning";
+        return resume;
+    }
+    resume.offset = entry->offset;
+    resume.nextLine = entry->nextLine;
+    return resume;
 }
 
 void Checkpoint::record(const Entry& entry) {
@@ -67,24 +100,22 @@ void Checkpoint::record(const Entry& entry) {
     recorded_.push_back(entry);
 }
 
-bool Checkpoint::checkWritable() {
+Status Checkpoint::checkWritable() {
     struct stat info {};
     if (stat(path_.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        error_ = path_ + ": cannot write checkpoint: " + std::strerror(EISDIR);
-        return false;
+        return Status::systemError(path_ + ": cannot write checkpoint", EISDIR);
     }
     const std::string temporary = temporaryPath();
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
-        error_ = temporary + ": cannot write checkpoint: " + std::strerror(errno);
-        return false;
+        return Status::systemError(temporary + ": cannot write checkpoint", errno);
     }
     close(fd);
     unlink(temporary.c_str());
-    return true;
+    return Status::success();
 }
 
-bool Checkpoint::save() {
+Status Checkpoint::save() {
     std::string text = std::string(HEADER) + "\n";
     for (const Entry& entry : recorded_) {
         std::string name = entry.name;
@@ -100,8 +131,7 @@ bool Checkpoint::save() {
     const std::string temporary = temporaryPath();
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
-        error_ = temporary + ": cannot write checkpoint: " + std::strerror(errno);
-        return false;
+        return Status::systemError(temporary + ": cannot write checkpoint", errno);
     }
     int writeError = Descriptor::writeAll(fd, text);
     if (writeError == 0 && fsync(fd) != 0) {
@@ -113,14 +143,13 @@ bool Checkpoint::save() {
         writeError = errno;
     }
     if (!written) {
-        error_ = temporary + ": cannot write checkpoint: " + std::strerror(writeError);
         unlink(temporary.c_str());
-        return false;
+        return Status::systemError(temporary + ": cannot write checkpoint", writeError);
     }
     if (std::rename(temporary.c_str(), path_.c_str()) != 0) {
-        error_ = path_ + ": cannot replace checkpoint: " + std::strerror(errno);
+        const int renameError = errno;
         unlink(temporary.c_str());
-        return false;
+        return Status::systemError(path_ + ": cannot replace checkpoint", renameError);
     }
-    return true;
+    return Status::success();
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/Status.h"
+
 class Checkpoint {
 public:
     struct Entry {
@@ -19,20 +21,28 @@ public:
 
     explicit Checkpoint(const std::string& path);
 
-    // A missing file is an empty checkpoint; false (with error()) when it
-    // exists but cannot be read.
-    bool load();
+    // Of the inputs named, those that exist but are not regular files: where
+    // a pipe or device stopped cannot be recorded.
+    static std::vector<Status> checkInputs(const std::vector<std::string>& names);
+
+    // A missing file is an empty checkpoint; a failure when it exists but
+    // cannot be read.
+    Status load();
     // The entry of a file, or nullptr when it is new to the checkpoint.
     const Entry* find(uint64_t device, uint64_t inode) const;
+    // Where the file `name` of `size` bytes resumes: its entry's offset and
+    // line, or its beginning when new or, uncompressed, shorter than its
+    // entry's offset (`note` then says so).
+    Entry resumeOf(const std::string& name, uint64_t device, uint64_t inode, int64_t size,
+                   bool compressed, std::string& note) const;
     // Records where a file stands after this run; entries of files not
     // recorded in this run are dropped on save, as their inode may be reused.
     void record(const Entry& entry);
     // Whether save() can write beside the file: checked before anything is
     // converted, so that a run never writes events it cannot record.
-    bool checkWritable();
+    Status checkWritable();
     // Through a temporary file and a rename, so that a crash leaves the old one.
-    bool save();
-    const std::string& error() const { return error_; }
+    Status save();
 
 private:
     std::string temporaryPath() const { return path_ + ".tmp"; }
@@ -40,5 +50,4 @@ private:
     std::string path_;
     std::vector<Entry> loaded_;
     std::vector<Entry> recorded_;
-    std::string error_;
 };

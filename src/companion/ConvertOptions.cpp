@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <cctype>
-#include <climits>
-#include <cstdlib>
-#include <ctime>
+#include <string>
+
+#include "companion/ExitCode.h"
+#include "companion/InputStream.h"
+#include "companion/TimeArgument.h"
 
 namespace {
 
+// Past every byte, so that no long-only option takes a short option's value.
 enum LongOnly {
     OPTION_EXPLAIN = 256,
     OPTION_FORMAT,
@@ -21,47 +24,6 @@ enum LongOnly {
     OPTION_STRICT,
     OPTION_VERSION,
 };
-
-constexpr int SECONDS_PER_MINUTE = 60;
-constexpr int SECONDS_PER_HOUR = 3600;
-constexpr int TM_YEAR_BASE = 1900;
-
-bool allDigits(const std::string& text) {
-    if (text.empty()) {
-        return false;
-    }
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Reads exactly `count` digits at `at`.
-bool digits(const std::string& text, std::size_t& at, std::size_t count, int& value) {
-    if (at + count > text.size()) {
-        return false;
-    }
-    value = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        const char c = text[at + i];
-        if (c < '0' || c > '9') {
-            return false;
-        }
-        value = value * 10 + (c - '0');
-    }
-    at += count;
-    return true;
-}
-
-bool expect(const std::string& text, std::size_t& at, char c) {
-    if (at < text.size() && text[at] == c) {
-        ++at;
-        return true;
-    }
-    return false;
-}
 
 // "--name" of a long option by its value, or "-c" of a short one.
 std::string optionName(const struct option* options, int value) {
@@ -103,84 +65,14 @@ std::string unknownOption(const struct option* options, const std::string& given
     return "unknown or ambiguous option '" + name + "'";
 }
 
+// Up to about 30,000 years of seconds.
+constexpr std::size_t MAX_SETTLE_DIGITS = 12;
+
 }  // namespace
 
 bool ConvertOptions::fail(const std::string& message) {
     error_ = message;
     return false;
-}
-
-bool ConvertOptions::parseTime(const std::string& text, int64_t& seconds) {
-    if (allDigits(text)) {
-        if (text.size() > 18) {
-            return false;
-        }
-        seconds = std::strtoll(text.c_str(), nullptr, 10);
-        return true;
-    }
-    struct tm fields {};
-    std::size_t at = 0;
-    int year = 0;
-    int month = 0;
-    int day = 0;
-    if (!digits(text, at, 4, year) || !expect(text, at, '-') || !digits(text, at, 2, month) ||
-        !expect(text, at, '-') || !digits(text, at, 2, day)) {
-        return false;
-    }
-    int hour = 0;
-    int minute = 0;
-    int second = 0;
-    if (at < text.size() && (text[at] == 'T' || text[at] == ' ')) {
-        ++at;
-        if (!digits(text, at, 2, hour) || !expect(text, at, ':') || !digits(text, at, 2, minute)) {
-            return false;
-        }
-        if (expect(text, at, ':') && !digits(text, at, 2, second)) {
-            return false;
-        }
-    }
-    if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
-        return false;
-    }
-    fields.tm_year = year - TM_YEAR_BASE;
-    fields.tm_mon = month - 1;
-    fields.tm_mday = day;
-    fields.tm_hour = hour;
-    fields.tm_min = minute;
-    fields.tm_sec = second;
-    if (at == text.size()) {
-        fields.tm_isdst = -1;
-        const time_t local = mktime(&fields);
-        if (local == static_cast<time_t>(-1) && fields.tm_year != 69) {
-            return false;
-        }
-        seconds = static_cast<int64_t>(local);
-        return true;
-    }
-    int offset = 0;
-    if (text[at] == 'Z' && at + 1 == text.size()) {
-        offset = 0;
-    } else if (text[at] == '+' || text[at] == '-') {
-        const int sign = text[at] == '-' ? -1 : 1;
-        ++at;
-        int zoneHours = 0;
-        int zoneMinutes = 0;
-        if (!digits(text, at, 2, zoneHours)) {
-            return false;
-        }
-        expect(text, at, ':');
-        if (at < text.size() && !digits(text, at, 2, zoneMinutes)) {
-            return false;
-        }
-        if (at != text.size() || zoneHours > 23 || zoneMinutes > 59) {
-            return false;
-        }
-        offset = sign * (zoneHours * SECONDS_PER_HOUR + zoneMinutes * SECONDS_PER_MINUTE);
-    } else {
-        return false;
-    }
-    seconds = static_cast<int64_t>(timegm(&fields)) - offset;
-    return true;
 }
 
 ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
@@ -243,7 +135,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
             case OPTION_SINCE:
             case OPTION_UNTIL: {
                 int64_t seconds = 0;
-                if (!parseTime(value, seconds)) {
+                if (!TimeArgument::parse(value, seconds)) {
                     fail(std::string(option == OPTION_SINCE ? "--since" : "--until") +
                          ": not seconds since the epoch or an ISO 8601 date-time: '" + value + "'");
                     return Outcome::USAGE_ERROR;
@@ -253,12 +145,11 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
                 break;
             }
             case OPTION_SETTLE:
-                if (!allDigits(value) || value.size() > 12) {
+                if (!TimeArgument::parseCount(value, MAX_SETTLE_DIGITS, settle)) {
                     fail("--settle takes a number of seconds, not '" + value + "'");
                     return Outcome::USAGE_ERROR;
                 }
                 hasSettle = true;
-                settle = std::strtoll(value.c_str(), nullptr, 10);
                 break;
             case OPTION_CHECKPOINT:
                 checkpoint = value;
@@ -290,7 +181,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
         inputs.emplace_back(argv[i]);
     }
     if (inputs.empty()) {
-        inputs.emplace_back("-");
+        inputs.emplace_back(InputStream::STANDARD_INPUT);
     }
     if (!checkpoint.empty() && explain != Explain::NONE) {
         // An explanation converts nothing, so it has no progress to record;
@@ -300,7 +191,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
     }
     if (!checkpoint.empty()) {
         for (const std::string& input : inputs) {
-            if (input == "-") {
+            if (input == InputStream::STANDARD_INPUT) {
                 fail("--checkpoint cannot be used with standard input");
                 return Outcome::USAGE_ERROR;
             }
@@ -314,6 +205,7 @@ ConvertOptions::Outcome ConvertOptions::parse(int argc, char** argv) {
 }
 
 std::string ConvertOptions::usage() {
+    const auto code = [](int status) { return std::to_string(status); };
     return "Usage: qirn-log-convert [OPTIONS] [FILE...]\n"
            "Convert QIRN audit logs once, with the rules of qirn-log-converter(8).\n"
            "Reads the files in order (none or '-': standard input; '.gz' through zlib) and\n"
@@ -325,7 +217,9 @@ std::string ConvertOptions::usage() {
            "  --reconcile EVENTLOG     write only events found in none of the event logs\n"
            "                           (repeatable; rotated and .gz logs allowed)\n"
            "  --settle SECONDS         leave out records newer than this many seconds\n"
-           "                           (default 60 with --reconcile)\n"
+           "                           (default " +
+           std::to_string(DEFAULT_SETTLE_SECONDS) +
+           " with --reconcile)\n"
            "  --since TIME, --until TIME\n"
            "                           limit by the record's audit time: seconds since the\n"
            "                           epoch or an ISO 8601 date-time\n"
@@ -333,14 +227,20 @@ std::string ConvertOptions::usage() {
            "                           (regular files only; not with --explain)\n"
            "  --format=line|json       event lines as the service writes them, or JSON\n"
            "                           (with --explain: one JSON object per row)\n"
-           "  --strict                 exit 3 when a line failed in a way that suggests a\n"
+           "  --strict                 exit " +
+           code(ExitCode::STRICT) +
+           " when a line failed in a way that suggests a\n"
            "                           changed audit format\n"
            "  -q, --quiet              no summary on standard error\n"
            "  -h, --help               this text\n"
            "      --version            the version\n"
            "\n"
-           "Exit status: 0 done, 1 no event written (plain conversion without\n"
-           "--checkpoint), 2 usage or I/O error, 3 --strict found a suspicious line,\n"
-           "4 --reconcile matched nothing in event logs of the same time (check TZ).\n"
+           "Exit status: " +
+           code(ExitCode::DONE) + " done, " + code(ExitCode::NO_EVENT) +
+           " no event written (plain conversion without\n"
+           "--checkpoint), " +
+           code(ExitCode::ERROR) + " usage or I/O error, " + code(ExitCode::STRICT) +
+           " --strict found a suspicious line,\n" + code(ExitCode::UNMATCHED) +
+           " --reconcile matched nothing in event logs of the same time (check TZ).\n"
            "See qirn-log-convert(1).\n";
 }

@@ -19,12 +19,7 @@ public:
     const std::string& error() const { return error_; }
     static std::string usage();
 
-    // Seconds since the epoch, or an ISO 8601 date-time ("2026-11-23",
-    // "2026-11-23T18:05", "2026-11-23 18:05:09", with "Z" or "+01:00" for a
-    // zone; local time under TZ without one).
-    static bool parseTime(const std::string& text, int64_t& seconds);
-
-    std::vector<std::string> inputs;  // "-" for standard input
+    std::vector<std::string> inputs;  // InputStream::STANDARD_INPUT for standard input
     Explain explain = Explain::NONE;
     Format format = Format::LINE;
     std::vector<std::string> eventLogs;  // --reconcile

@@ -2,7 +2,9 @@
 // One run of qirn-log-convert: reads the event logs to reconcile against in
 // full, then the inputs in order, judges every line with the service's
 // converter, and writes events, explanations or only the events missing from
-// the event logs, then the summary.
+// the event logs, then the summary. The parts that each do one job: the
+// judge (LineJudge), the time window (TimeWindow), reconcile's bookkeeping
+// (Reconciler), the rendering (EventRenderer) and the counts (Summary).
 
 #include <cstdint>
 #include <string>
@@ -11,31 +13,24 @@
 
 #include "companion/Checkpoint.h"
 #include "companion/ConvertOptions.h"
-#include "companion/EventLogIndex.h"
+#include "companion/EventRenderer.h"
 #include "companion/LineJudge.h"
 #include "companion/LineSource.h"
 #include "companion/OutputBuffer.h"
+#include "companion/Reconciler.h"
 #include "companion/Summary.h"
+#include "companion/TimeWindow.h"
 
 class ConvertRun {
 public:
-    static constexpr int EXIT_DONE = 0;
-    static constexpr int EXIT_NO_EVENT = 1;
-    static constexpr int EXIT_ERROR = 2;
-    static constexpr int EXIT_STRICT = 3;
-    // Reconcile matched nothing although the event logs cover the same time.
-    static constexpr int EXIT_UNMATCHED = 4;
-
+    // Writes to `outputFd` and reports to `errorFd`, neither of which it closes.
     ConvertRun(const ConvertOptions& options, int outputFd, int errorFd);
 
-    // The exit status.
+    // The exit status, one of ExitCode's.
     int run();
     const Summary& summary() const { return summary_; }
 
 private:
-    // Checks made before anything is read or written.
-    bool checkCheckpointInputs();
-    bool readEventLogs();
     void convertInput(const std::string& name, Checkpoint* checkpoint);
     // Inlined into the line loop: most lines are settled right there.
     [[gnu::always_inline]] inline bool handleLine(const LineSource::Line& line);
@@ -45,46 +40,31 @@ private:
     [[gnu::noinline]] bool handleRecord(const LineSource::Line& line, bool typeChecked);
     bool handleJudged();
     [[gnu::noinline]] bool handleTooLong();
-    // Leaves a valid record out for its audit time; true when it is to be
-    // left out, with `tooNew` telling the settle and --until bound apart.
-    bool outOfRange(const std::string& line, bool& tooNew, std::string& detail);
     // FILE:LINE of the line being handled.
     std::string sourceText() const;
     // Writes what the verdict calls for; false once the output has failed.
-    bool deliver(const LineJudge::Verdict& verdict, const std::string& line);
-    // An event found in the event logs becomes PRESENT.
-    LineJudge::Reason reconciled(const LineJudge::Verdict& verdict);
-    void appendRow(std::string& out, LineJudge::Reason reason, const std::string& detail);
-    void appendEvent(std::string& out, const LineJudge::Verdict& verdict, const std::string& line);
-    void checkUnmatched();
+    bool writeVerdict(const LineJudge::Verdict& verdict);
     void reportError(const std::string& message);
+    // Reports a failure; whether there was none.
+    bool report(const Status& status);
+    bool reportAll(const std::vector<Status>& failures);
     void note(const std::string& message);
     void reportStray();
-    int exitStatus() const;
 
     const ConvertOptions& options_;
     OutputBuffer output_;
     int errorFd_;
     LineJudge judge_;
     Summary summary_;
+    TimeWindow window_;
+    EventRenderer renderer_;
+    Reconciler reconciler_;
     bool reconciling_;
-    bool useRange_;  // some bound on the audit time applies
-    bool hasLowerBound_;
-    int64_t lowerBound_;
-    bool hasUpperBound_;
-    int64_t upperBound_;
-    int64_t settleBound_;  // records after this are too new (when settling)
-    bool settling_;
+    bool explaining_;    // rows instead of events
     bool stopAtTooNew_;  // with a checkpoint: the file stops before such a record
-    bool ioError_;
-    bool unmatched_;
-    bool explaining_;  // rows instead of events
-    EventLogIndex eventLogs_;
-    uint64_t candidates_ = 0;  // events looked up in the event logs
-    uint64_t matched_ = 0;
-    int64_t auditSeconds_ = 0;  // of the record outOfRange last looked at
-    int64_t firstCandidate_ = 0;
-    int64_t lastCandidate_ = 0;
+    bool needsStamp_;    // an event's audit stamp is read, once, for the window or the JSON
+    bool ioError_ = false;
+    bool unmatched_ = false;
     // Device and inode of each regular file converted, so that a file named
     // twice is converted once.
     std::vector<std::pair<uint64_t, uint64_t>> converted_;
@@ -92,4 +72,5 @@ private:
     uint64_t lineNumber_ = 0;
     std::string lineText_;
     LineJudge::Verdict verdict_;
+    LogConverter::AuditStamp stamp_;  // of the event being handled, when needsStamp_
 };

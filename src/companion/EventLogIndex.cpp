@@ -1,18 +1,16 @@
 #include "companion/EventLogIndex.h"
 
 #include <algorithm>
-#include <array>
 #include <ctime>
 
 #include "common/EventLine.h"
+#include "common/TimeText.h"
 #include "companion/InputStream.h"
 #include "companion/LineSource.h"
 
 namespace {
 
-// strftime's %b in the C locale, as the converter writes it.
-constexpr std::array<std::string_view, 12> MONTHS = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                     "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr std::size_t MONTHS = TimeText::MONTH_NAMES.size() / TimeText::MONTH_LENGTH;
 constexpr uint32_t DAYS_PER_MONTH_SLOT = 32;
 constexpr uint32_t HOURS_PER_DAY = 24;
 constexpr uint32_t SECONDS_PER_HOUR = 3600;
@@ -44,42 +42,51 @@ uint32_t localOrdinal(int64_t seconds) {
                      static_cast<uint32_t>(local.tm_sec));
 }
 
+// The month's index, 0 for January; MONTHS when the name is none.
+std::size_t monthOf(std::string_view name) {
+    std::size_t month = 0;
+    while (month < MONTHS && TimeText::MONTH_NAMES.substr(month * TimeText::MONTH_LENGTH,
+                                                          TimeText::MONTH_LENGTH) != name) {
+        ++month;
+    }
+    return month;
+}
+
 }  // namespace
 
 bool EventLogIndex::timeOrdinal(std::string_view time, uint32_t& ordinal) {
-    // "Mmm dd HH:MM:SS"
-    if (time.size() != EventLine::TIME_LENGTH || time[3] != ' ' || time[6] != ' ' ||
-        time[9] != ':' || time[12] != ':') {
+    using T = TimeText;
+    if (time.size() != T::LENGTH || time[T::DAY_AT - 1] != T::DATE_SEPARATOR ||
+        time[T::HOUR_AT - 1] != T::DATE_SEPARATOR || time[T::MINUTE_AT - 1] != T::CLOCK_SEPARATOR ||
+        time[T::SECOND_AT - 1] != T::CLOCK_SEPARATOR) {
         return false;
     }
-    const auto* const month = std::find(MONTHS.begin(), MONTHS.end(), time.substr(0, 3));
+    const std::size_t month = monthOf(time.substr(0, T::MONTH_LENGTH));
     uint32_t day = 0;
     uint32_t hour = 0;
     uint32_t minute = 0;
     uint32_t second = 0;
-    if (month == MONTHS.end() || !twoDigits(time, 4, day) || !twoDigits(time, 7, hour) ||
-        !twoDigits(time, 10, minute) || !twoDigits(time, 13, second)) {
+    if (month == MONTHS || !twoDigits(time, T::DAY_AT, day) || !twoDigits(time, T::HOUR_AT, hour) ||
+        !twoDigits(time, T::MINUTE_AT, minute) || !twoDigits(time, T::SECOND_AT, second)) {
         return false;
     }
-    ordinal = ordinalOf(static_cast<uint32_t>(month - MONTHS.begin()), day, hour, minute, second);
+    ordinal = ordinalOf(static_cast<uint32_t>(month), day, hour, minute, second);
     return true;
 }
 
-bool EventLogIndex::read(const std::string& name, std::string& error) {
+Status EventLogIndex::read(const std::string& name) {
     InputStream input(name);
     if (!input.open()) {
-        error = input.error();
-        return false;
+        return input.status();
     }
     LineSource source(input, 0, 1, true);
     if (!source.run([this](const LineSource::Line& line) {
             add(std::string_view(line.text, line.length));
             return true;
         })) {
-        error = input.error();
-        return false;
+        return input.status();
     }
-    return true;
+    return Status::success();
 }
 
 void EventLogIndex::add(std::string_view line) {

@@ -15,14 +15,15 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Status.h"
 #include "companion/DigestSet.h"
 #include "companion/KeyDigest.h"
 
 class EventLogIndex {
 public:
-    // Reads one event log to its end; false with `error` set when it cannot
-    // be opened or read to its end (a truncated ".gz" included).
-    bool read(const std::string& name, std::string& error);
+    // Reads one event log to its end; a failure when it cannot be opened or
+    // read to its end (a truncated ".gz" included).
+    Status read(const std::string& name);
 
     // Whether an event with this key is in one of the logs read.
     bool contains(std::string_view containerId, std::string_view path, std::string_view time);

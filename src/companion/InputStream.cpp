@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -16,6 +17,8 @@ constexpr std::string_view COMPRESSED_SUFFIX = ".gz";
 constexpr std::size_t SKIP_CHUNK = 1 << 20;
 // zlib reads unsigned int sized pieces.
 constexpr std::size_t MAX_GZ_READ = 1u << 30;
+// zlib's own input buffer: large reads, as for a plain file.
+constexpr unsigned GZ_BUFFER_BYTES = 1u << 17;
 
 }  // namespace
 
@@ -35,8 +38,8 @@ bool InputStream::isCompressedName(const std::string& name) {
                         COMPRESSED_SUFFIX) == 0;
 }
 
-bool InputStream::fail(const std::string& what, int error) {
-    error_ = name_ + ": " + what + ": " + std::strerror(error);
+bool InputStream::fail(Status status) {
+    status_ = std::move(status);
     return false;
 }
 
@@ -47,15 +50,15 @@ bool InputStream::open() {
         // Blocking, so that a FIFO is read like any stream once a writer comes.
         fd_ = ::open(name_.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd_ < 0) {
-            return fail("cannot open", errno);
+            return fail(Status::systemError(name_ + ": cannot open", errno));
         }
     }
     struct stat info {};
     if (fstat(fd_, &info) != 0) {
-        return fail("cannot stat", errno);
+        return fail(Status::systemError(name_ + ": cannot stat", errno));
     }
     if (S_ISDIR(info.st_mode)) {
-        return fail("cannot read", EISDIR);
+        return fail(Status::systemError(name_ + ": cannot read", EISDIR));
     }
     identity_.regular = S_ISREG(info.st_mode);
     identity_.device = static_cast<uint64_t>(info.st_dev);
@@ -64,14 +67,14 @@ bool InputStream::open() {
     if (!isStandardInput() && isCompressedName(name_)) {
         gz_ = gzdopen(fd_, "rb");
         if (gz_ == nullptr) {
-            return fail("cannot start decompression", ENOMEM);
+            return fail(Status::systemError(name_ + ": cannot start decompression", ENOMEM));
         }
-        gzbuffer(static_cast<gzFile>(gz_), 1u << 17);
+        gzbuffer(static_cast<gzFile>(gz_), GZ_BUFFER_BYTES);
         // zlib would pass anything else through as it is; a ".gz" that is
         // not gzip data is a damaged file, not a plain one.
         if (gzdirect(static_cast<gzFile>(gz_)) != 0) {
-            error_ = name_ + ": cannot decompress: not in gzip format";
-            return false;
+            return fail(Status::failure(Status::Code::INVALID,
+                                        name_ + ": cannot decompress: not in gzip format"));
         }
     }
     return true;
@@ -83,7 +86,7 @@ bool InputStream::skipTo(int64_t offset) {
     }
     if (gz_ == nullptr && identity_.regular) {
         if (lseek(fd_, static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(-1)) {
-            return fail("cannot seek", errno);
+            return fail(Status::systemError(name_ + ": cannot seek", errno));
         }
         return true;
     }
@@ -119,7 +122,7 @@ ssize_t InputStream::read(char* buffer, std::size_t size) {
             continue;
         }
         if (got < 0) {
-            fail("cannot read", errno);
+            fail(Status::systemError(name_ + ": cannot read", errno));
         }
         return got;
     }
@@ -132,13 +135,13 @@ bool InputStream::decompressionEndedCleanly(int got) {
         return true;
     }
     if (code == Z_ERRNO) {
-        return fail("cannot read", errno);
+        return fail(Status::systemError(name_ + ": cannot read", errno));
     }
+    const std::string what = name_ + ": cannot decompress: ";
     if (code == Z_BUF_ERROR) {
-        error_ = name_ + ": cannot decompress: unexpected end of file (the file is truncated)";
-    } else {
-        error_ =
-            name_ + ": cannot decompress: " + (text != nullptr && *text != '\0' ? text : "error");
+        return fail(Status::failure(Status::Code::INVALID,
+                                    what + "unexpected end of file (the file is truncated)"));
     }
-    return false;
+    return fail(Status::failure(Status::Code::INVALID,
+                                what + (text != nullptr && *text != '\0' ? text : "error")));
 }

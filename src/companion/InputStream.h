@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/Status.h"
+
 class InputStream {
 public:
     // What a successful open found out about the file.
@@ -18,28 +20,32 @@ public:
         int64_t size = 0;
     };
 
-    // "-" is standard input. The name is also the one used in messages.
+    // The name that stands for standard input.
+    static constexpr const char* STANDARD_INPUT = "-";
+
+    // STANDARD_INPUT or a file's name, which is also the one used in messages.
     explicit InputStream(const std::string& name);
     ~InputStream();
     InputStream(const InputStream&) = delete;
     InputStream& operator=(const InputStream&) = delete;
 
-    // False with error() set when the input cannot be read at all.
+    // False with status() set when the input cannot be read at all.
     bool open();
     const Identity& identity() const { return identity_; }
     // Skips to `offset` bytes of the (decompressed) content; false on failure.
     bool skipTo(int64_t offset);
-    // Bytes read into `buffer`, 0 at the end, -1 on an error (see error()).
+    // Bytes read into `buffer`, 0 at the end, -1 on an error (see status()).
     // Compressed data that ends early or fails its check is an error.
     ssize_t read(char* buffer, std::size_t size);
-    const std::string& error() const { return error_; }
+    // The failure that ended open(), skipTo() or read(); ok until then.
+    const Status& status() const { return status_; }
     const std::string& name() const { return name_; }
-    bool isStandardInput() const { return name_ == "-"; }
+    bool isStandardInput() const { return name_ == STANDARD_INPUT; }
 
     static bool isCompressedName(const std::string& name);
 
 private:
-    bool fail(const std::string& what, int error);
+    bool fail(Status status);
     // After a gzread that gave `got` <= 0: true at the real end of the data,
     // false with error() set when the data ended early or is corrupt.
     bool decompressionEndedCleanly(int got);
@@ -48,5 +54,5 @@ private:
     int fd_;
     void* gz_;  // gzFile, kept opaque so that zlib stays out of this header
     Identity identity_;
-    std::string error_;
+    Status status_;
 };

@@ -86,9 +86,9 @@ void LineJudge::parseHandled(const std::string& line, Verdict& verdict) {
 void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
     try {
         const std::size_t logged = captured_.size();
-        LogConverter::Reason reason = LogConverter::Reason::NONE;
+        LogConverter::Stop reason = LogConverter::Stop::NONE;
         verdict.record = converter_.parseLine(line, reason, &rejection_);
-        if (reason == LogConverter::Reason::NONE) {
+        if (reason == LogConverter::Stop::NONE) {
             verdict.reason = Reason::EVENT;
             return;
         }
@@ -97,8 +97,8 @@ void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
         // errors whatever its trace says; the reason already tells them, so
         // that line of the log is no stray.
         const bool reportedInLog =
-            reason == LogConverter::Reason::EXCEPTION ||
-            (reason == LogConverter::Reason::UNKNOWN_STATUS && rejection_.statusMarker);
+            reason == LogConverter::Stop::EXCEPTION ||
+            (reason == LogConverter::Stop::UNKNOWN_STATUS && rejection_.statusMarker);
         if (reportedInLog && captured_.size() > logged) {
             captured_.pop_back();
         }
@@ -108,9 +108,9 @@ void LineJudge::parseRecord(const std::string& line, Verdict& verdict) {
     }
 }
 
-void LineJudge::judgeRejected(const std::string& line, LogConverter::Reason reason,
+void LineJudge::judgeRejected(const std::string& line, LogConverter::Stop reason,
                               Verdict& verdict) {
-    using Converter = LogConverter::Reason;
+    using Converter = LogConverter::Stop;
     switch (reason) {
         case Converter::NO_CONTAINER:
             verdict.reason = Reason::NO_CONTAINER;
@@ -163,9 +163,9 @@ void LineJudge::judgeRejected(const std::string& line, LogConverter::Reason reas
 
 void LineJudge::emit(Verdict& verdict) {
     try {
-        LogConverter::Reason reason = LogConverter::Reason::NONE;
+        LogConverter::Stop reason = LogConverter::Stop::NONE;
         verdict.event = converter_.convertToOutputFormat(verdict.record, reason);
-        if (reason == LogConverter::Reason::NONE) {
+        if (reason == LogConverter::Stop::NONE) {
             verdict.reason = Reason::EVENT;
             return;
         }

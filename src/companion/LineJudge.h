@@ -69,7 +69,7 @@ private:
     // parse after the filter, out of line so that a line of another type,
     // most lines, runs in a small frame.
     [[gnu::noinline]] void parseRecord(const std::string& line, Verdict& verdict);
-    void judgeRejected(const std::string& line, LogConverter::Reason reason, Verdict& verdict);
+    void judgeRejected(const std::string& line, LogConverter::Stop reason, Verdict& verdict);
 
     // Before the converter: its first line is captured while it is constructed.
     std::vector<std::string> captured_;

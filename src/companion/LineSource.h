@@ -1,16 +1,18 @@
 #pragma once
 // Feeds the lines of one input to a handler: reads large blocks, cuts them
 // with the service's own line cutter, carries an unfinished line over to the
-// next block and skips a line too long to hold instead of keeping it.
+// next block and skips a line too long to hold instead of keeping it. Only
+// the walk over one block's lines is here, where the handler is called
+// directly; reading, carrying and skipping are in the source file.
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 
 #include "companion/InputStream.h"
 #include "reader/LineCutter.h"
-#include "reader/LogReader.h"
 
 class LineSource {
 public:
@@ -19,7 +21,7 @@ public:
     // it (4 MiB is slower again).
     static constexpr std::size_t BLOCK_SIZE = 1u << 20;
     // The most the service reads in one poll; a longer line is not held.
-    static constexpr std::size_t MAX_LINE_SIZE = static_cast<std::size_t>(LogReader::MAX_READ_SIZE);
+    static const std::size_t MAX_LINE_SIZE;
 
     struct Line {
         const char* text;  // up to the first zero byte, without the newline
@@ -30,15 +32,16 @@ public:
     };
 
     // `firstNumber` is the number of the line at `startOffset`. With
-    // `deliverTail`, bytes after the last newline at the end are one more line.
+    // `withTail`, bytes after the last newline at the end are one more line.
     // A smaller block only serves tests of lines that span blocks.
-    LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber, bool deliverTail,
+    LineSource(InputStream& input, int64_t startOffset, uint64_t firstNumber, bool withTail,
                std::size_t blockSize = BLOCK_SIZE);
 
-    // Calls `handler(const Line&)` for each line; the handler returns false
-    // to stop before that line, which then stays unread. A template, so that
-    // the handler is called directly rather than through a wrapper per line.
-    // False when reading failed (the input's error() says why).
+    // Calls `handler(const Line&)` for each line; the handler returns whether
+    // it takes the line, as a LineCutter delivery does, and false stops the
+    // run before that line, which then stays unread. A template, so that the
+    // handler is called directly rather than through a wrapper per line.
+    // False when reading failed (the input's status() says why).
     template <typename Handler>
     bool run(Handler&& handler);
     // Where a following run should start: after the last newline handled, or
@@ -48,13 +51,30 @@ public:
     bool stopped() const { return stopped_; }
 
 private:
-    // Reads the next block after the `carried` bytes kept at the start of the
-    // buffer: bytes read, 0 at the end, -1 on an error.
+    enum class Read { BLOCK, END, FAILED };
+    // Complete lines from `data` on, in the buffer that starts at `base`.
+    struct Block {
+        const char* base;
+        int64_t baseOffset;  // input offset of base[0]
+        const char* data;
+        std::size_t size;
+        // The too-long line this block finishes, to be handed on first.
+        const Line* finished;
+    };
+
+    // The next block with lines in it, past any too-long line's rest.
+    Read nextBlock(Block& block);
+    // After the walk over a block's lines stopped at `rest`: the unfinished
+    // line is carried over, or skipped when too long to hold.
+    void endBlock(const Block& block, const char* rest);
+    // The unfinished line at the end, when it is to be handed on.
+    const Line* tailLine();
+    // Ends the run before `line`; true, the run's answer.
+    bool stopBefore(const Line& line);
     ssize_t readBlock(std::size_t carried);
-    bool stopAt(int64_t offset);
 
     InputStream& input_;
-    bool deliverTail_;
+    bool withTail_;
     std::size_t blockSize_;
     // Not a vector: its bytes are read into, never zero-filled first.
     std::unique_ptr<char[]> buffer_;
@@ -64,99 +84,47 @@ private:
     int64_t resumeOffset_;
     uint64_t resumeNumber_;
     bool stopped_;
+    std::size_t carried_ = 0;  // unfinished line kept at the start of the buffer
+    bool skipping_ = false;    // inside a line longer than MAX_LINE_SIZE
+    Line tooLong_{};
+    Line tail_{};
 };
 
 template <typename Handler>
 bool LineSource::run(Handler&& handler) {
-    std::size_t carried = 0;  // unfinished line kept at the start of the buffer
-    bool skipping = false;    // inside a line longer than MAX_LINE_SIZE
-    Line tooLong{};
-    Line line{};
-    int64_t stopOffset = 0;
-
-    // A refused line is the only one that counts, so that the cutter's limit
-    // of one line ends the walk right there.
-    const auto offer = [&](const Line& candidate) {
-        if (handler(candidate)) {
-            return false;
-        }
-        lines_ = candidate.number - 1;
-        stopOffset = candidate.startOffset;
-        return true;
-    };
-    const auto skipped = [&] { ++lines_; };
-
+    Block block{};
     for (;;) {
-        const ssize_t got = readBlock(carried);
-        if (got < 0) {
+        const Read read = nextBlock(block);
+        if (read == Read::FAILED) {
             return false;
         }
-        if (got == 0) {
+        if (read == Read::END) {
             break;
         }
-        char* const data = buffer_.get();
-        const std::size_t total = carried + static_cast<std::size_t>(got);
-        std::size_t from = 0;
-        if (skipping) {
-            const void* newline = std::memchr(data, '\n', total);
-            if (newline == nullptr) {
-                bufferOffset_ += static_cast<int64_t>(total);
-                carried = 0;
-                continue;
-            }
-            skipping = false;
-            from = static_cast<std::size_t>(static_cast<const char*>(newline) - data) + 1;
-            if (offer(tooLong)) {
-                return stopAt(stopOffset);
-            }
-            resumeOffset_ = bufferOffset_ + static_cast<int64_t>(from);
-            resumeNumber_ = lines_ + 1;
+        if (block.finished != nullptr && !handler(*block.finished)) {
+            return stopBefore(*block.finished);
         }
-        data[total] = '\0';
-        const int64_t dataOffset = bufferOffset_;
-        const auto deliver = [&](const char* text, std::size_t length) {
+        Line line{};
+        // The cutter counts the refused line alone, so that its limit of one
+        // ends the walk right there.
+        const auto refuses = [&](const char* text, std::size_t length) {
             line.number = ++lines_;
-            line.startOffset = dataOffset + (text - data);
+            line.startOffset = block.baseOffset + (text - block.base);
             line.tooLong = length > MAX_LINE_SIZE;
             line.text = line.tooLong ? "" : text;
             line.length = line.tooLong ? 0 : length;
-            return offer(line);
+            return !handler(line);
         };
         const LineCutter::Walk walk =
-            LineCutter::cut(data + from, total - from, 1, deliver, skipped);
+            LineCutter::cut(block.data, block.size, 1, refuses, [this] { ++lines_; });
         if (walk.counted > 0) {
-            return stopAt(stopOffset);
+            return stopBefore(line);
         }
-        const std::size_t consumed = static_cast<std::size_t>(walk.rest - data);
-        resumeOffset_ = bufferOffset_ + static_cast<int64_t>(consumed);
-        resumeNumber_ = lines_ + 1;
-        carried = total - consumed;
-        if (carried > MAX_LINE_SIZE) {
-            // Too long to hold: skipped up to its newline, reported once.
-            tooLong = Line{"", 0, ++lines_, resumeOffset_, true};
-            skipping = true;
-            bufferOffset_ += static_cast<int64_t>(total);
-            carried = 0;
-            continue;
-        }
-        std::memmove(data, walk.rest, carried);
-        bufferOffset_ += static_cast<int64_t>(consumed);
+        endBlock(block, walk.rest);
     }
-
-    // At the end: an unfinished line, delivered the way the reader delivers it.
-    if (skipping && deliverTail_) {
-        if (offer(tooLong)) {
-            return stopAt(stopOffset);
-        }
-    } else if (carried > 0 && deliverTail_) {
-        line.number = ++lines_;
-        line.startOffset = bufferOffset_;
-        line.tooLong = false;
-        line.text = buffer_.get();
-        line.length = LineCutter::textLength(buffer_.get(), carried);
-        if (offer(line)) {
-            return stopAt(stopOffset);
-        }
+    const Line* const tail = tailLine();
+    if (tail != nullptr && !handler(*tail)) {
+        return stopBefore(*tail);
     }
     return true;
 }

@@ -9,6 +9,7 @@
 
 #include "companion/ConvertOptions.h"
 #include "companion/ConvertRun.h"
+#include "companion/ExitCode.h"
 
 int main(int argc, char** argv) {
     // Converted times follow TZ exactly as the service's do.
@@ -17,14 +18,14 @@ int main(int argc, char** argv) {
     switch (options.parse(argc, argv)) {
         case ConvertOptions::Outcome::HELP:
             std::cout << ConvertOptions::usage();
-            return ConvertRun::EXIT_DONE;
+            return ExitCode::DONE;
         case ConvertOptions::Outcome::VERSION:
             std::cout << "qirn-log-convert " << QLC_VERSION << "\n";
-            return ConvertRun::EXIT_DONE;
+            return ExitCode::DONE;
         case ConvertOptions::Outcome::USAGE_ERROR:
             std::cerr << "qirn-log-convert: " << options.error() << "\n"
                       << "Try 'qirn-log-convert --help' for more information.\n";
-            return ConvertRun::EXIT_ERROR;
+            return ExitCode::ERROR;
         case ConvertOptions::Outcome::RUN:
             break;
     }
@@ -33,6 +34,6 @@ int main(int argc, char** argv) {
         return run.run();
     } catch (const std::exception& error) {
         std::cerr << "qirn-log-convert: " << error.what() << "\n";
-        return ConvertRun::EXIT_ERROR;
+        return ExitCode::ERROR;
     }
 }

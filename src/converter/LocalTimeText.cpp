@@ -4,10 +4,6 @@
 
 namespace {
 
-constexpr std::size_t TEXT_LENGTH = 15;
-constexpr std::string_view MONTH_NAMES = "JanFebMarAprMayJunJulAugSepOctNovDec";
-constexpr std::size_t MONTH_NAME_LENGTH = 3;
-
 void putTwoDigits(char* out, int value) {
     out[0] = static_cast<char>('0' + value / 10);
     out[1] = static_cast<char>('0' + value % 10);
@@ -74,16 +70,18 @@ std::size_t LocalTimeText::format(const struct tm& local, char* out) {
     if (!inRange) {
         return std::strftime(out, BUFFER_SIZE, FORMAT, &local);
     }
-    std::memcpy(
-        out, MONTH_NAMES.substr(MONTH_NAME_LENGTH * static_cast<std::size_t>(local.tm_mon)).data(),
-        MONTH_NAME_LENGTH);
-    out[3] = ' ';
-    putTwoDigits(out + 4, local.tm_mday);
-    out[6] = ' ';
-    putTwoDigits(out + 7, local.tm_hour);
-    out[9] = ':';
-    putTwoDigits(out + 10, local.tm_min);
-    out[12] = ':';
-    putTwoDigits(out + 13, local.tm_sec);
-    return TEXT_LENGTH;
+    std::memcpy(out,
+                TimeText::MONTH_NAMES
+                    .substr(TimeText::MONTH_LENGTH * static_cast<std::size_t>(local.tm_mon))
+                    .data(),
+                TimeText::MONTH_LENGTH);
+    out[TimeText::DAY_AT - 1] = TimeText::DATE_SEPARATOR;
+    putTwoDigits(out + TimeText::DAY_AT, local.tm_mday);
+    out[TimeText::HOUR_AT - 1] = TimeText::DATE_SEPARATOR;
+    putTwoDigits(out + TimeText::HOUR_AT, local.tm_hour);
+    out[TimeText::MINUTE_AT - 1] = TimeText::CLOCK_SEPARATOR;
+    putTwoDigits(out + TimeText::MINUTE_AT, local.tm_min);
+    out[TimeText::SECOND_AT - 1] = TimeText::CLOCK_SEPARATOR;
+    putTwoDigits(out + TimeText::SECOND_AT, local.tm_sec);
+    return TimeText::LENGTH;
 }

@@ -16,6 +16,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "common/TimeText.h"
+
 class LocalTimeText {
 public:
     // The text of `seconds` in the process's zone, empty when localtime_r
@@ -24,7 +26,7 @@ public:
     static std::string_view of(time_t seconds);
 
     // What strftime is given: its format, and the room it may fill.
-    static constexpr const char* FORMAT = "%b %d %H:%M:%S";
+    static constexpr const char* FORMAT = TimeText::FORMAT;
     static constexpr std::size_t BUFFER_SIZE = 256;
 
 private:

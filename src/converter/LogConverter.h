@@ -5,19 +5,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
+
+#include "converter/AuditType.h"
+#include "converter/EventWords.h"
+#include "converter/KeyCache.h"
 
 class LogConverter {
 public:
-    enum class EventType : int32_t { UNKNOWN = 0, EXECTL = 1, FILECTL = 2, NETCTL = 3 };
-    enum class StatusType : int32_t { UNKNOWN = 0, ENFORCING = 1, PERMISSIVE = 2 };
+    using EventType = EventWords::EventType;
+    using StatusType = EventWords::StatusType;
 
     struct ParseResult {
         std::string timestamp;
@@ -31,9 +30,9 @@ public:
         bool valid = false;
     };
 
-    // Why a line gave no event, as decided by the step that stopped it:
+    // The step that stopped a line that gave no event, which says why:
     // parsing (OTHER_TYPE to EXCEPTION) or output (NOT_VALID to NO_WORD).
-    enum class Reason : int32_t {
+    enum class Stop : int32_t {
         NONE,            // a valid record, or an output line
         OTHER_TYPE,      // the filter: not one of the two handled audit types
         NO_CONTAINER,    // no container_id value
@@ -84,21 +83,17 @@ public:
     LogConverter(LogConverter&&) = delete;
     LogConverter& operator=(LogConverter&&) = delete;
 
-    // What opens the audit type's field, and how both handled types begin.
-    static constexpr std::string_view TYPE_MARKER = "type=";
-    static constexpr std::string_view HANDLED_TYPE_PREFIX = "QIRN_";
-
-    bool shouldProcess(const std::string& line) const;
+    bool shouldProcess(const std::string& line) const { return AuditType::isHandled(line); }
     // shouldProcess on any text, for callers that hold a line without a
     // string of its own; the answers are the same.
-    static bool isHandledType(std::string_view line);
+    static bool isHandledType(std::string_view line) { return AuditType::isHandled(line); }
     std::string extractField(const std::string& line, const std::string& key) const;
     std::string extractQuotedField(const std::string& line, const std::string& key) const;
     // True when parseLine would return an invalid record and do nothing else
     // (no trace to write, and the first bytes name another audit type); lets
     // a caller skip the common line without building a record for it.
     bool rejectsAtOnce(const std::string& line) const {
-        return !debugMode_ && isOtherTypeAtOnce(line);
+        return !debugMode_ && AuditType::isOtherAtOnce(line);
     }
     ParseResult parseLine(const std::string& line) const {
         ParseResult result;
@@ -111,21 +106,21 @@ public:
     }
     // parseLine, also saying why the record is not valid and, given
     // `rejection`, what the rejecting step saw.
-    ParseResult parseLine(const std::string& line, Reason& reason,
+    ParseResult parseLine(const std::string& line, Stop& reason,
                           Rejection* rejection = nullptr) const;
     // The stamp step of parseLine, on its own; `line` must outlive the result.
     // Without `withSerial` the serial number is left unread.
     static AuditStamp findAuditStamp(std::string_view line, bool withSerial = true);
     std::string convertToOutputFormat(const ParseResult& result);
     // convertToOutputFormat, also saying why the line is empty.
-    std::string convertToOutputFormat(const ParseResult& result, Reason& reason);
+    std::string convertToOutputFormat(const ParseResult& result, Stop& reason);
     std::string convertTimestamp(const std::string& text) const;
     std::string generateLogHash(const ParseResult& result) const;
     EventType determineEventType(const std::string& type, const std::string& operation) const;
     StatusType determineStatusType(const std::string& line) const;
     // The words an event line gives each classification; empty for UNKNOWN.
-    static std::string_view eventWord(EventType event);
-    static std::string_view statusWord(StatusType status);
+    static std::string_view eventWord(EventType event) { return EventWords::eventWord(event); }
+    static std::string_view statusWord(StatusType status) { return EventWords::statusWord(status); }
 
 private:
     // Private so that getInstance is the only way to reach the cache.
@@ -133,55 +128,21 @@ private:
     // Members go in reverse order of declaration: the cache, then the unused map.
     ~LogConverter() = default;
 
-    // A record of another audit type whose first bytes already say so:
-    // "type=" opens the line and its value does not begin with "QIRN_".
-    static bool isOtherTypeAtOnce(std::string_view line) {
-        constexpr std::size_t valueStart = TYPE_MARKER.size();
-        return line.size() >= valueStart &&
-               std::memcmp(line.data(), TYPE_MARKER.data(), valueStart) == 0 &&
-               (line.size() < valueStart + HANDLED_TYPE_PREFIX.size() ||
-                std::memcmp(line.data() + valueStart, HANDLED_TYPE_PREFIX.data(),
-                            HANDLED_TYPE_PREFIX.size()) != 0);
-    }
-
     // The parse after the header's shortcut, and its steps after the filter
     // (container and stamp, type and path, operation and classification);
     // apart so that the common line of another type is settled in the
     // caller's frame.
-    Reason parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
-    Reason parseRecord(const std::string& line, std::string_view type, ParseResult& result,
-                       Rejection* rejection) const;
-    Reason parsePath(const std::string& line, std::string_view type, ParseResult& result,
+    Stop parse(const std::string& line, ParseResult& result, Rejection* rejection) const;
+    Stop parseRecord(const std::string& line, std::string_view type, ParseResult& result,
                      Rejection* rejection) const;
-    Reason classify(const std::string& line, const std::string& type, bool isAvc,
-                    ParseResult& result, Rejection* rejection) const;
+    Stop parsePath(const std::string& line, std::string_view type, ParseResult& result,
+                   Rejection* rejection) const;
+    Stop classify(const std::string& line, const std::string& type, bool isAvc, ParseResult& result,
+                  Rejection* rejection) const;
     // determineStatusType, telling a rejection what it saw.
     StatusType classifyStatus(const std::string& line, Rejection* rejection) const;
 
-    // Empties the duplicate cache, buckets included, and lets its memory be
-    // carved again.
-    void clearCache();
-    void reserveCache();
-
     std::unordered_map<std::string, std::string> fieldCache_;  // never used; kept empty
-    // A full cache of keys as audit records carry them, nodes and buckets
-    // included, fits here; its pages are touched only when carved.
-    static constexpr std::size_t KEY_BUFFER_BYTES = std::size_t{256} * 1024;
-    // Memory for the duplicate cache, before it: the cache only grows and is
-    // then emptied at once, so keys and nodes are carved one after another
-    // from a kept buffer, and an emptied cache starts again at its beginning.
-    // An insertion costs a few instructions instead of a trip through malloc;
-    // emptying frees nothing one by one. A cache of long keys that outgrows
-    // the buffer takes further blocks, given back at each clearing.
-    std::unique_ptr<std::byte[]> keyBuffer_;
-    std::pmr::monotonic_buffer_resource keyArena_;
-    // Strings of the standard library with their memory from the arena,
-    // hashed by the library's string hash (the one std::string uses, which
-    // the set also keeps beside each key, so a lookup never hashes twice).
-    using KeySet = std::pmr::unordered_set<std::pmr::string, std::hash<std::string_view>>;
-    KeySet processedLogs_{&keyArena_};
-    // Where each record's key is composed before the cache is asked, so that
-    // a repeat allocates nothing for its key.
-    std::pmr::string keyText_;
+    KeyCache processedLogs_{MAX_CACHE_SIZE};
     static bool debugMode_;
 };

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/Sleep.h"
+#include "common/TextCopy.h"
 #include "logging/Trace.h"
 #include "reader/LineCutter.h"
 
@@ -214,10 +215,7 @@ bool LogReader::readNewLines(LineCallback callback, bool advancePosition) {
                 return false;
             }
             try {
-                // clear() and append() copy without the general replacement
-                // that assign() goes through.
-                line.clear();
-                line.append(text, length);
+                TextCopy::replace(line, text, length);
                 callback(line);
                 return true;
             } catch (const std::exception& error) {

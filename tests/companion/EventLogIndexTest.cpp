@@ -27,8 +27,8 @@ TEST(EventLogIndexTest, KeysOfEventLinesAreFoundAndOtherLinesIgnored) {
               "not an event line\n"
               "Nov 15 13:10:06,container_id=3f2a9c,Event=exectl,path=/b,status=permissive");
     EventLogIndex index;
-    std::string error;
-    ASSERT_TRUE(index.read(dir.file("events"), error)) << error;
+    const Status read = index.read(dir.file("events"));
+    ASSERT_TRUE(read.ok()) << read.message();
     EXPECT_EQ(index.events(), 2u);
     EXPECT_TRUE(index.contains("3f2a9c", "/a,b", "Nov 15 13:10:05"));
     EXPECT_TRUE(index.contains("3f2a9c", "/b", "Nov 15 13:10:06"));
@@ -38,9 +38,9 @@ TEST(EventLogIndexTest, KeysOfEventLinesAreFoundAndOtherLinesIgnored) {
 TEST(EventLogIndexTest, UnreadableLogIsAnErrorNamingIt) {
     TempDir dir;
     EventLogIndex index;
-    std::string error;
-    EXPECT_FALSE(index.read(dir.file("none"), error));
-    EXPECT_EQ(error, dir.file("none") + ": cannot open: No such file or directory");
+    const Status read = index.read(dir.file("none"));
+    EXPECT_FALSE(read.ok());
+    EXPECT_EQ(read.message(), dir.file("none") + ": cannot open: No such file or directory");
 }
 
 TEST(EventLogIndexTest, TimeOrdinalsOrderTimesWithinAYear) {
@@ -65,8 +65,8 @@ TEST(EventLogIndexTest, TimesBetweenTwoInstantsAreReadUnderTz) {
     writeFile(dir.file("events"),
               "Nov 15 13:10:05,container_id=c,Event=filectl,path=/a,status=enforcing\n");
     EventLogIndex index;
-    std::string error;
-    ASSERT_TRUE(index.read(dir.file("events"), error)) << error;
+    const Status read = index.read(dir.file("events"));
+    ASSERT_TRUE(read.ok()) << read.message();
     EXPECT_TRUE(index.holdsTimeBetween(BASE_TIME, BASE_TIME));
     EXPECT_TRUE(index.holdsTimeBetween(BASE_TIME - 10, BASE_TIME + 10));
     EXPECT_FALSE(index.holdsTimeBetween(BASE_TIME + 1, BASE_TIME + 3600));
@@ -86,8 +86,8 @@ TEST(EventLogIndexTest, WindowAcrossTheTurnOfTheYearWrapsAround) {
     writeFile(dir.file("events"),
               "Jan 01 00:00:30,container_id=c,Event=filectl,path=/a,status=enforcing\n");
     EventLogIndex index;
-    std::string error;
-    ASSERT_TRUE(index.read(dir.file("events"), error)) << error;
+    const Status read = index.read(dir.file("events"));
+    ASSERT_TRUE(read.ok()) << read.message();
     // 2024-12-31 23:59:00 to 2025-01-01 00:01:00 UTC.
     constexpr int64_t NEW_YEAR = 1735689600;
     EXPECT_TRUE(index.holdsTimeBetween(NEW_YEAR - 60, NEW_YEAR + 60));

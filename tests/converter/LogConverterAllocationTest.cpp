@@ -172,7 +172,7 @@ TEST_F(LogConverterAllocationTest, ExceptionInParseIsReasonExceptionWithItsMessa
     const std::string line =
         "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } "
         "name=/var/lib/containers/storage/overlay/file container_id=exc2";
-    LogConverter::Reason reason = LogConverter::Reason::NONE;
+    LogConverter::Stop reason = LogConverter::Stop::NONE;
     LogConverter::Rejection saw;
     failingAllocation.store(1);
 
@@ -181,7 +181,7 @@ TEST_F(LogConverterAllocationTest, ExceptionInParseIsReasonExceptionWithItsMessa
 
     EXPECT_EQ(0, failingAllocation.load());
     EXPECT_FALSE(result.valid);
-    EXPECT_EQ(LogConverter::Reason::EXCEPTION, reason);
+    EXPECT_EQ(LogConverter::Stop::EXCEPTION, reason);
     EXPECT_EQ("std::bad_alloc", saw.error);
 }
 

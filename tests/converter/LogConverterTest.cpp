@@ -1258,33 +1258,33 @@ TEST(LogConverterStampTest, UnreadableStampIsFoundWithoutSeconds) {
 
 namespace {
 
-using Reason = LogConverter::Reason;
+using Stop = LogConverter::Stop;
 
 struct ReasonCase {
     std::string line;
-    Reason reason;
+    Stop reason;
 };
 
 const std::string HEAD = "type=QIRN_AVC msg=audit(1731676205.123:1): avc:  denied  { write } ";
 
 std::vector<ReasonCase> reasonCases() {
     return {
-        {AVC_LINE, Reason::NONE},
-        {NETCTL_LINE, Reason::NONE},
-        {SYSCALL_LINE, Reason::OTHER_TYPE},
-        {"msg=x subtype=QIRN_AVC2", Reason::OTHER_TYPE},
-        {HEAD + "name=/a", Reason::NO_CONTAINER},
-        {"type=QIRN_AVC msg=x: avc: denied { write } name=/a container_id=c", Reason::NO_STAMP},
+        {AVC_LINE, Stop::NONE},
+        {NETCTL_LINE, Stop::NONE},
+        {SYSCALL_LINE, Stop::OTHER_TYPE},
+        {"msg=x subtype=QIRN_AVC2", Stop::OTHER_TYPE},
+        {HEAD + "name=/a", Stop::NO_CONTAINER},
+        {"type=QIRN_AVC msg=x: avc: denied { write } name=/a container_id=c", Stop::NO_STAMP},
         {"type=QIRN_AVC audit(abc:1): avc: denied { write } name=/a container_id=c",
-         Reason::BAD_STAMP},
-        {HEAD + "container_id=c", Reason::NO_PATH},
-        {"type=QIRN_NETCTL msg=audit(1731676205.1:1): avc: denied container_id=c", Reason::NO_PATH},
+         Stop::BAD_STAMP},
+        {HEAD + "container_id=c", Stop::NO_PATH},
+        {"type=QIRN_NETCTL msg=audit(1731676205.1:1): avc: denied container_id=c", Stop::NO_PATH},
         {"type=QIRN_AVC msg=audit(1731676205.1:1): avc: denied { Read } name=/a container_id=c",
-         Reason::UNKNOWN_EVENT},
+         Stop::UNKNOWN_EVENT},
         {"type=QIRN_AVC msg=audit(1731676205.1:1) { write } name=/a container_id=c",
-         Reason::UNKNOWN_STATUS},
+         Stop::UNKNOWN_STATUS},
         {"type=QIRN_AVC msg=audit(1731676205.1:1): avc: Allowed { write } name=/a container_id=c",
-         Reason::UNKNOWN_STATUS},
+         Stop::UNKNOWN_STATUS},
     };
 }
 
@@ -1292,21 +1292,21 @@ std::vector<ReasonCase> reasonCases() {
 
 TEST_F(LogConverterTest, EveryRejectionHasTheReasonOfItsStep) {
     for (const ReasonCase& c : reasonCases()) {
-        Reason reason = Reason::EXCEPTION;
+        Stop reason = Stop::EXCEPTION;
         const LogConverter::ParseResult result = converter().parseLine(c.line, reason);
         EXPECT_EQ(c.reason, reason) << c.line;
-        EXPECT_EQ(reason == Reason::NONE, result.valid) << c.line;
+        EXPECT_EQ(reason == Stop::NONE, result.valid) << c.line;
     }
 }
 
 TEST_F(LogConverterTest, TraceChangesNeitherReasonNorWhatTheRejectionSaw) {
     for (const ReasonCase& c : reasonCases()) {
-        Reason quiet = Reason::NONE;
+        Stop quiet = Stop::NONE;
         LogConverter::Rejection quietSaw;
         const LogConverter::ParseResult quietResult =
             converter().parseLine(c.line, quiet, &quietSaw);
         LogConverter::setDebugMode(true);
-        Reason traced = Reason::NONE;
+        Stop traced = Stop::NONE;
         LogConverter::Rejection tracedSaw;
         const LogConverter::ParseResult tracedResult =
             converter().parseLine(c.line, traced, &tracedSaw);
@@ -1323,44 +1323,44 @@ TEST_F(LogConverterTest, TraceChangesNeitherReasonNorWhatTheRejectionSaw) {
 TEST_F(LogConverterTest, RejectionTellsWhatTheRejectingStepSaw) {
     // The type the rejection names points into the line parsed.
     const std::vector<ReasonCase> cases = reasonCases();
-    Reason reason = Reason::NONE;
+    Stop reason = Stop::NONE;
     LogConverter::Rejection saw;
     converter().parseLine(cases[8].line, reason, &saw);
-    EXPECT_EQ(Reason::NO_PATH, reason);
+    EXPECT_EQ(Stop::NO_PATH, reason);
     EXPECT_EQ("QIRN_NETCTL", saw.type);
 
     converter().parseLine(cases[9].line, reason, &saw);
-    EXPECT_EQ(Reason::UNKNOWN_EVENT, reason);
+    EXPECT_EQ(Stop::UNKNOWN_EVENT, reason);
     EXPECT_EQ("QIRN_AVC", saw.type);
     EXPECT_EQ("read", saw.operation);
 
     converter().parseLine(cases[10].line, reason, &saw);
-    EXPECT_EQ(Reason::UNKNOWN_STATUS, reason);
+    EXPECT_EQ(Stop::UNKNOWN_STATUS, reason);
     EXPECT_FALSE(saw.statusMarker);
 
     converter().parseLine(cases[11].line, reason, &saw);
-    EXPECT_EQ(Reason::UNKNOWN_STATUS, reason);
+    EXPECT_EQ(Stop::UNKNOWN_STATUS, reason);
     EXPECT_TRUE(saw.statusMarker);
     EXPECT_EQ("allowed", saw.statusWord);
 }
 
 TEST_F(LogConverterOutputTest, OutputSaysWhyItIsEmpty) {
-    Reason reason = Reason::NONE;
+    Stop reason = Stop::NONE;
     LogConverter::ParseResult invalid = makeRecord("r1", "/r");
     invalid.valid = false;
     EXPECT_EQ("", converter().convertToOutputFormat(invalid, reason));
-    EXPECT_EQ(Reason::NOT_VALID, reason);
+    EXPECT_EQ(Stop::NOT_VALID, reason);
 
     EXPECT_NE("", converter().convertToOutputFormat(makeRecord("r1", "/r"), reason));
-    EXPECT_EQ(Reason::NONE, reason);
+    EXPECT_EQ(Stop::NONE, reason);
     EXPECT_EQ("", converter().convertToOutputFormat(makeRecord("r1", "/r"), reason));
-    EXPECT_EQ(Reason::DUPLICATE, reason);
+    EXPECT_EQ(Stop::DUPLICATE, reason);
 
     EXPECT_EQ("", converter().convertToOutputFormat(
                       makeRecord("r2", "/r", static_cast<EventType>(7)), reason));
-    EXPECT_EQ(Reason::NO_WORD, reason);
+    EXPECT_EQ(Stop::NO_WORD, reason);
     EXPECT_EQ("",
               converter().convertToOutputFormat(
                   makeRecord("r3", "/r", EventType::FILECTL, static_cast<StatusType>(0)), reason));
-    EXPECT_EQ(Reason::NO_WORD, reason);
+    EXPECT_EQ(Stop::NO_WORD, reason);
 }

@@ -17,9 +17,12 @@ BEGIN
     IF EXISTS (SELECT FROM information_schema.columns
                WHERE table_schema = 'qirn_fleet' AND table_name = 'hosts'
                  AND column_name = 'sender') THEN
-        ALTER TABLE qirn_fleet.hosts RENAME TO legacy_hosts;
-        ALTER TABLE qirn_fleet.events RENAME TO legacy_events;
-        ALTER TABLE qirn_fleet.unparsed RENAME TO legacy_unparsed;
+        -- A schema of their own, indexes and constraints with them: their
+        -- names are the new tables' names.
+        CREATE SCHEMA qirn_fleet_legacy;
+        ALTER TABLE qirn_fleet.hosts SET SCHEMA qirn_fleet_legacy;
+        ALTER TABLE qirn_fleet.events SET SCHEMA qirn_fleet_legacy;
+        ALTER TABLE qirn_fleet.unparsed SET SCHEMA qirn_fleet_legacy;
         DROP FUNCTION IF EXISTS qirn_fleet.store_event(text, text, text, text, text, text, text,
                                                        text);
         DROP FUNCTION IF EXISTS qirn_fleet.store_unparsed(text, text, text);
@@ -95,6 +98,8 @@ CREATE TABLE qirn_fleet.unparsed (
     line bytea NOT NULL
 );
 CREATE INDEX unparsed_host_received ON qirn_fleet.unparsed (host_id, received);
+-- The latest unparsed lines fleet-wide.
+CREATE INDEX unparsed_received ON qirn_fleet.unparsed (received);
 
 -- Where each host's agent has committed up to, per stream. Moved only by
 -- agent_ship, in the transaction of the rows it covers.
@@ -137,37 +142,58 @@ AS $$
     SELECT id FROM qirn_fleet.hosts WHERE role = session_user AND retired IS NULL
 $$;
 
+-- Month `mo`, day `d` and `secs` seconds into the day, in year `y`; NULL when
+-- the year lacks the day. A single expression, inlined where it is used.
+CREATE FUNCTION qirn_fleet.day_in_year(y integer, mo integer, d integer, secs integer)
+RETURNS timestamp
+LANGUAGE sql IMMUTABLE PARALLEL SAFE
+AS $$
+    SELECT CASE WHEN d <= 28 OR d <= extract(day FROM make_date(y, mo, 1) +
+                                                      interval '1 month - 1 day')
+                THEN make_timestamp(y, mo, d, 0, 0, 0) + make_interval(secs => secs) END
+$$;
+
+-- The time as written read in year `y`; NULL when it is no such time or the
+-- year lacks the day. A single expression, inlined where it is used.
+CREATE FUNCTION qirn_fleet.year_candidate(tw text, y integer) RETURNS timestamp
+LANGUAGE sql IMMUTABLE PARALLEL SAFE
+AS $$
+    SELECT CASE
+        WHEN tw ~ '^[A-Z][a-z]{2} [0-9 ][0-9] ([01][0-9]|2[0-3]):[0-5][0-9]:[0-6][0-9]$'
+             AND strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(tw, 1, 3)) % 3 = 1
+             AND substr(tw, 5, 2) NOT IN (' 0', '00')
+             AND (substr(tw, 5, 2) <= '28' OR substr(tw, 5, 1) = ' ' OR
+                  substr(tw, 5, 2)::integer <= extract(day FROM make_date(y,
+                      (strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(tw, 1, 3)) + 2) / 3,
+                      1) + interval '1 month - 1 day'))
+        THEN make_timestamp(y, (strpos('JanFebMarAprMayJunJulAugSepOctNovDec',
+                                       substr(tw, 1, 3)) + 2) / 3,
+                            trim(substr(tw, 5, 2))::integer, 0, 0, 0) +
+             make_interval(secs => substr(tw, 8, 2)::integer * 3600 +
+                                   substr(tw, 11, 2)::integer * 60 +
+                                   substr(tw, 14, 2)::integer)
+    END
+$$;
+
 -- The time as written ("%b %d %H:%M:%S") in the year that puts it nearest to
 -- `ref` (the store's now, on the host's wall clock): NULL when it is no such
--- time or names a day its year lacks. SQL, so that it is inlined into the
--- ship's one statement rather than called per row.
+-- time or names a day its year lacks (29 February outside leap years); on a
+-- tie the earlier year. One expression of FROM-less subselects, so that the
+-- planner flattens it into the ship's statement instead of calling a
+-- function per row; agent_ship spells out the same expression.
 CREATE FUNCTION qirn_fleet.event_time(time_written text, ref timestamp) RETURNS timestamp
 LANGUAGE sql IMMUTABLE PARALLEL SAFE
-SET search_path = pg_catalog, pg_temp
 AS $$
-    SELECT candidate
-    FROM (SELECT (strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(time_written, 1, 3)) + 2)
-                     / 3 AS month,
-                 trim(substr(time_written, 5, 2))::integer AS day,
-                 substr(time_written, 8, 2)::integer * 3600 +
-                     substr(time_written, 11, 2)::integer * 60 +
-                     substr(time_written, 14, 2)::integer AS seconds
-          WHERE time_written ~ '^[A-Z][a-z]{2} [0-9 ][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]$'
-            AND strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(time_written, 1, 3)) % 3 = 1
-            AND substr(time_written, 8, 2)::integer <= 23
-            AND trim(substr(time_written, 5, 2))::integer >= 1) AS t,
-         LATERAL (SELECT make_timestamp(year, t.month, 1, 0, 0, 0) +
-                             make_interval(days => t.day - 1, secs => t.seconds) AS candidate
-                  FROM generate_series(extract(year FROM ref)::integer - 1,
-                                       extract(year FROM ref)::integer + 1) AS year
-                  -- A day past the month's end is skipped for that year.
-                  WHERE t.day <= extract(day FROM make_date(year, t.month, 1) +
-                                                 interval '1 month' - interval '1 day')
-                  -- Nearest first; on a tie the earlier year, as before.
-                  ORDER BY abs(extract(epoch FROM make_timestamp(year, t.month, 1, 0, 0, 0) +
-                                   make_interval(days => t.day - 1, secs => t.seconds) - ref)),
-                           year
-                  LIMIT 1) AS c
+    SELECT CASE WHEN c2 IS NOT NULL AND (b01 IS NULL OR
+                     greatest(c2 - ref, ref - c2) < greatest(b01 - ref, ref - b01))
+                THEN c2 ELSE b01 END
+    FROM (SELECT c2, CASE WHEN c1 IS NOT NULL AND (c0 IS NULL OR
+                               greatest(c1 - ref, ref - c1) < greatest(c0 - ref, ref - c0))
+                          THEN c1 ELSE c0 END AS b01
+          FROM (SELECT qirn_fleet.year_candidate(time_written, y - 1) AS c0,
+                       qirn_fleet.year_candidate(time_written, y) AS c1,
+                       qirn_fleet.year_candidate(time_written, y + 1) AS c2
+                FROM (SELECT extract(year FROM ref)::integer AS y) AS r) AS c) AS b
 $$;
 
 -- The host that may act: the session's active host, or QF003.
@@ -282,6 +308,7 @@ DECLARE
     host integer := qirn_fleet.acting_host();
     -- The year rule's reference, once per call: now on the host's wall clock.
     ref timestamp := now() AT TIME ZONE zone;
+    year integer := extract(year FROM ref);
     moved integer;
     parsed_count bigint;
     stored_count bigint;
@@ -329,29 +356,60 @@ BEGIN
                CASE WHEN f.path IS NULL THEN 'not an event line'
                     WHEN f.event_at IS NULL THEN 'time is not a date' END AS reason
         FROM unnest(lines) AS l(line)
+        -- Each step is fenced (OFFSET 0): flattened, its expressions would be
+        -- copied into every use and computed again each time.
         CROSS JOIN LATERAL (
-            SELECT CASE WHEN substr(l.line, 16, 14) = ',container_id='
-                        THEN regexp_instr(l.line, ',Event=(exectl|filectl|netctl),path=', 30)
-                        ELSE 0 END AS at,
+            SELECT left(l.line, 15) AS time_written,
+                   substr(l.line, 16, 14) = ',container_id=' AS opens,
+                   strpos(substr(l.line, 30), ',Event=') AS first_event,
                    CASE WHEN right(l.line, 17) = ',status=enforcing' THEN 17
-                        WHEN right(l.line, 18) = ',status=permissive' THEN 18 END AS ending) AS a
+                        WHEN right(l.line, 18) = ',status=permissive' THEN 18 END AS ending,
+                   left(l.line, 15) ~ '^[A-Z][a-z]{2} [0-9 ][0-9] ([01][0-9]|2[0-3]):[0-5][0-9]:[0-6][0-9]$'
+                       AND strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(l.line, 1, 3)) % 3 = 1
+                       AND substr(l.line, 5, 2) NOT IN (' 0', '00') AS dated
+            OFFSET 0) AS a
         CROSS JOIN LATERAL (
-            SELECT CASE WHEN substr(l.line, a.at + 7, 7) = 'filectl' THEN 'filectl'
-                        WHEN substr(l.line, a.at + 7, 6) = 'exectl' THEN 'exectl'
-                        ELSE 'netctl' END AS event) AS w
-        CROSS JOIN LATERAL (SELECT a.at + 13 + length(w.event) AS path_start) AS s
+            -- The first ",Event=" is nearly always the anchor; else the first
+            -- one followed by a word and ",path=".
+            SELECT CASE WHEN NOT a.opens THEN 0
+                        WHEN a.first_event > 0 AND
+                             (substr(l.line, 29 + a.first_event, 20) = ',Event=filectl,path=' OR
+                              substr(l.line, 29 + a.first_event, 19)
+                                  IN (',Event=exectl,path=', ',Event=netctl,path='))
+                        THEN 29 + a.first_event
+                        ELSE regexp_instr(l.line, ',Event=(exectl|filectl|netctl),path=', 30)
+                   END AS at,
+                   -- The year rule's fast path: read in the year of `ref`, a time
+                   -- within 150 days of it is the nearest (the other years' are
+                   -- 215 days away or more); anything else asks event_time.
+                   CASE WHEN a.dated THEN qirn_fleet.day_in_year(year,
+                       (strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(l.line, 1, 3)) + 2) / 3,
+                       trim(substr(l.line, 5, 2))::integer,
+                       substr(l.line, 8, 2)::integer * 3600 + substr(l.line, 11, 2)::integer * 60 +
+                           substr(l.line, 14, 2)::integer) END AS this_year
+            OFFSET 0) AS b
+        CROSS JOIN LATERAL (
+            SELECT CASE WHEN substr(l.line, b.at + 7, 7) = 'filectl' THEN 'filectl'
+                        WHEN substr(l.line, b.at + 7, 6) = 'exectl' THEN 'exectl'
+                        ELSE 'netctl' END AS event,
+                   CASE WHEN substr(l.line, b.at + 7, 7) = 'filectl' THEN b.at + 20
+                        ELSE b.at + 19 END AS path_start
+            OFFSET 0) AS w
         LEFT JOIN LATERAL (
             -- Lengths kept at 0 or more: the planner may compute these before
             -- the WHERE below has ruled the line out.
-            SELECT left(l.line, 15) AS time_written,
-                   substr(l.line, 30, greatest(a.at - 30, 0)) AS container_id,
+            SELECT a.time_written,
+                   substr(l.line, 30, greatest(b.at - 30, 0)) AS container_id,
                    w.event,
-                   substr(l.line, s.path_start,
-                          greatest(length(l.line) - a.ending - s.path_start + 1, 0)) AS path,
+                   substr(l.line, w.path_start,
+                          greatest(length(l.line) - a.ending - w.path_start + 1, 0)) AS path,
                    right(l.line, a.ending - 8) AS status,
-                   qirn_fleet.event_time(left(l.line, 15), ref) AS event_at
-            WHERE a.at > 0 AND a.ending IS NOT NULL
-              AND length(l.line) >= s.path_start - 1 + a.ending) AS f ON true
+                   CASE WHEN b.this_year BETWEEN ref - interval '150 days'
+                                             AND ref + interval '150 days'
+                        THEN b.this_year
+                        ELSE qirn_fleet.event_time(a.time_written, ref) END AS event_at
+            WHERE b.at > 0 AND a.ending IS NOT NULL
+              AND length(l.line) >= w.path_start - 1 + a.ending) AS f ON true
     ), stored_rows AS (
         INSERT INTO qirn_fleet.events AS e (host_id, event_at, event_instant, time_written,
                                             container_id, event, path, status, line, key_digest)
@@ -440,6 +498,64 @@ BEGIN
 END
 $$;
 
+-- The old kit's rows: each role of its sender map becomes a host (its name
+-- the role's without qirn_host_); a sender no role claimed becomes a retired
+-- host of its own. Digests are computed again from the rows.
+DO $$
+BEGIN
+    IF to_regclass('qirn_fleet_legacy.hosts') IS NULL THEN
+        RETURN;
+    END IF;
+    CREATE TEMP TABLE legacy_map (sender text PRIMARY KEY, host_id integer) ON COMMIT DROP;
+    INSERT INTO qirn_fleet.hosts (name, role)
+    SELECT DISTINCT ON (substr(role, 11)) substr(role, 11), role
+    FROM qirn_fleet_legacy.hosts
+    WHERE role LIKE 'qirn\_host\_%' AND substr(role, 11) ~ '^[a-z0-9][a-z0-9.-]{0,49}$';
+    INSERT INTO legacy_map
+    SELECT l.sender, h.id FROM qirn_fleet_legacy.hosts l JOIN qirn_fleet.hosts h
+        ON h.role = l.role;
+    INSERT INTO qirn_fleet.hosts (name, role, retired)
+    SELECT DISTINCT ON (n.name) n.name, 'qirn_host_' || n.name, now()
+    FROM (SELECT DISTINCT e.host AS sender FROM qirn_fleet_legacy.events e
+          UNION SELECT u.host FROM qirn_fleet_legacy.unparsed u) AS s
+    CROSS JOIN LATERAL (SELECT left('legacy-' || regexp_replace(lower(s.sender), '[^a-z0-9.-]',
+                                                                  '-', 'g'), 50) AS name) AS n
+    WHERE s.sender NOT IN (SELECT sender FROM legacy_map)
+    ON CONFLICT DO NOTHING;
+    INSERT INTO legacy_map
+    SELECT s.sender, h.id
+    FROM (SELECT DISTINCT e.host AS sender FROM qirn_fleet_legacy.events e
+          UNION SELECT u.host FROM qirn_fleet_legacy.unparsed u) AS s
+    JOIN qirn_fleet.hosts h ON h.name = left('legacy-' || regexp_replace(lower(s.sender),
+                                                                         '[^a-z0-9.-]', '-', 'g'),
+                                             50)
+    ON CONFLICT DO NOTHING;
+    -- Every month that holds a moved row gets its partition first.
+    PERFORM qirn_fleet.make_partitions(m, 1)
+    FROM (SELECT DISTINCT date_trunc('month', event_at)::date AS m
+          FROM qirn_fleet_legacy.events) AS months;
+    INSERT INTO qirn_fleet.events (host_id, event_at, time_written, container_id, event, path,
+                                   status, received, line, key_digest)
+    SELECT m.host_id, e.event_at, e.time_written, e.container_id, e.event, e.path, e.status,
+           e.received, e.line,
+           sha256(textsend(e.container_id || '|' || e.path || '|' || e.time_written))
+    FROM qirn_fleet_legacy.events e JOIN legacy_map m ON m.sender = e.host
+    ORDER BY e.id
+    ON CONFLICT DO NOTHING;
+    INSERT INTO qirn_fleet.event_counts (host_id, event, status, events)
+    SELECT host_id, event, status, count(*) FROM qirn_fleet.events
+    GROUP BY host_id, event, status;
+    INSERT INTO qirn_fleet.unparsed (host_id, received, reason, line)
+    SELECT m.host_id, u.received, u.reason, textsend(u.line)
+    FROM qirn_fleet_legacy.unparsed u JOIN legacy_map m ON m.sender = u.host
+    ORDER BY u.id;
+    DROP SCHEMA qirn_fleet_legacy CASCADE;
+    IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'qirn_collector') THEN
+        REVOKE ALL ON SCHEMA qirn_fleet FROM qirn_collector;
+    END IF;
+END
+$$;
+
 -- Row-level security, forced so that the owner's own functions are checked
 -- too: a session sees and writes the rows of its own host only. The host is a
 -- scalar subquery, evaluated once per statement, so that a host's fetch is
@@ -512,64 +628,6 @@ FROM qirn_fleet.hosts h LEFT JOIN qirn_fleet.heartbeats b ON b.host_id = h.id;
 
 GRANT SELECT ON qirn_fleet.fleet_events, qirn_fleet.fleet_unparsed,
                 qirn_fleet.fleet_hourly_counts, qirn_fleet.fleet_hosts TO qirn_readers;
-
--- The old kit's rows: each role of its sender map becomes a host (its name
--- the role's without qirn_host_); a sender no role claimed becomes a retired
--- host of its own. Digests are computed again from the rows.
-DO $$
-BEGIN
-    IF to_regclass('qirn_fleet.legacy_hosts') IS NULL THEN
-        RETURN;
-    END IF;
-    CREATE TEMP TABLE legacy_map (sender text PRIMARY KEY, host_id integer) ON COMMIT DROP;
-    INSERT INTO qirn_fleet.hosts (name, role)
-    SELECT DISTINCT ON (substr(role, 11)) substr(role, 11), role
-    FROM qirn_fleet.legacy_hosts
-    WHERE role LIKE 'qirn\_host\_%' AND substr(role, 11) ~ '^[a-z0-9][a-z0-9.-]{0,49}$';
-    INSERT INTO legacy_map
-    SELECT l.sender, h.id FROM qirn_fleet.legacy_hosts l JOIN qirn_fleet.hosts h
-        ON h.role = l.role;
-    INSERT INTO qirn_fleet.hosts (name, role, retired)
-    SELECT DISTINCT ON (n.name) n.name, 'qirn_host_' || n.name, now()
-    FROM (SELECT DISTINCT e.host AS sender FROM qirn_fleet.legacy_events e
-          UNION SELECT u.host FROM qirn_fleet.legacy_unparsed u) AS s
-    CROSS JOIN LATERAL (SELECT left('legacy-' || regexp_replace(lower(s.sender), '[^a-z0-9.-]',
-                                                                  '-', 'g'), 50) AS name) AS n
-    WHERE s.sender NOT IN (SELECT sender FROM legacy_map)
-    ON CONFLICT DO NOTHING;
-    INSERT INTO legacy_map
-    SELECT s.sender, h.id
-    FROM (SELECT DISTINCT e.host AS sender FROM qirn_fleet.legacy_events e
-          UNION SELECT u.host FROM qirn_fleet.legacy_unparsed u) AS s
-    JOIN qirn_fleet.hosts h ON h.name = left('legacy-' || regexp_replace(lower(s.sender),
-                                                                         '[^a-z0-9.-]', '-', 'g'),
-                                             50)
-    ON CONFLICT DO NOTHING;
-    -- Every month that holds a moved row gets its partition first.
-    PERFORM qirn_fleet.make_partitions(m, 1)
-    FROM (SELECT DISTINCT date_trunc('month', event_at)::date AS m
-          FROM qirn_fleet.legacy_events) AS months;
-    INSERT INTO qirn_fleet.events (host_id, event_at, time_written, container_id, event, path,
-                                   status, received, line, key_digest)
-    SELECT m.host_id, e.event_at, e.time_written, e.container_id, e.event, e.path, e.status,
-           e.received, e.line,
-           sha256(textsend(e.container_id || '|' || e.path || '|' || e.time_written))
-    FROM qirn_fleet.legacy_events e JOIN legacy_map m ON m.sender = e.host
-    ORDER BY e.id
-    ON CONFLICT DO NOTHING;
-    INSERT INTO qirn_fleet.event_counts (host_id, event, status, events)
-    SELECT host_id, event, status, count(*) FROM qirn_fleet.events
-    GROUP BY host_id, event, status;
-    INSERT INTO qirn_fleet.unparsed (host_id, received, reason, line)
-    SELECT m.host_id, u.received, u.reason, textsend(u.line)
-    FROM qirn_fleet.legacy_unparsed u JOIN legacy_map m ON m.sender = u.host
-    ORDER BY u.id;
-    DROP TABLE qirn_fleet.legacy_events, qirn_fleet.legacy_unparsed, qirn_fleet.legacy_hosts;
-    IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'qirn_collector') THEN
-        REVOKE ALL ON SCHEMA qirn_fleet FROM qirn_collector;
-    END IF;
-END
-$$;
 
 -- This month and the two after it; `partitions` keeps them ahead.
 SELECT qirn_fleet.make_partitions((now() AT TIME ZONE 'UTC')::date, 3);
