@@ -166,7 +166,8 @@ booted() {
     state=$(timeout 90 nsenter -t "${init_pid[$name]}" -m -u -i -n -p -- \
         env -i PATH=/usr/bin:/bin systemctl is-system-running --wait 2>&1) || true
     case "$state" in
-        running | degraded) echo "$name booted: $state" ;;
+        running) echo "$name booted: $state" ;;
+        degraded) echo "$name booted: $state ($(in_ct "$name" systemctl --failed --plain --no-legend | awk '{print $1}' | paste -sd' '))" ;;
         *) tail -n 30 "$SCRATCH/console-$name.log"; fail "the $name container did not boot: $state" ;;
     esac
 }
@@ -425,8 +426,11 @@ check_admin_hosts_and_metrics() {
     grep -qx 'qirn_fleet_store_up 1' "$prom" || { cat "$prom"; fail "qirn_fleet_store_up is not 1"; }
     grep -qx "qirn_fleet_host_silent{host=\"$host_name\"} 0" "$prom" ||
         { cat "$prom"; fail "$host_name is not reported as not silent"; }
-    serves store "^qirn_fleet_host_silent\\{host=\"$host_name\"\\} 0" ||
+    serves store "^qirn_fleet_host_silent\\{host=\"$host_name\"\\} 0" || {
+        ls -l "$prom"
+        scrape store | grep -E 'textfile|qirn' | awk 'NR <= 10'
         fail "node_exporter on the store host does not serve $host_name's silence"
+    }
     local contact
     contact=$(sed -n "s/^qirn_fleet_host_last_contact_timestamp_seconds{host=\"$host_name\"} //p" "$prom")
     [ "${contact%.*}" -gt 0 ] 2>/dev/null || fail "no last contact for $host_name: $contact"
