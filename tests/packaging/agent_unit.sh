@@ -47,8 +47,8 @@ for line in User=qirn-fleet SupplementaryGroups=adm Restart=on-failure \
     grep -qxF "$line" "$unit" || fail "the agent's unit lacks $line"
 done
 if grep -E '^(ReadWritePaths|StateDirectory|LogsDirectory|RuntimeDirectory)=' "$unit" |
-    grep -vxF 'ReadWritePaths=-/var/lib/prometheus/node-exporter'; then
-    fail "the agent's unit may write more than its textfile directory"
+    grep -vxF -e 'ReadWritePaths=-/var/lib/prometheus/node-exporter' -e 'RuntimeDirectory=qirn-fleet-agent'; then
+    fail "the agent's unit may write more than its textfile directory and lock file"
 fi
 grep -q '^\[Install\]' "$SCRATCH/units/qirn-fleet-complete.timer" || fail "the loop's timer has no [Install]"
 
