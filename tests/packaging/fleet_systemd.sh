@@ -376,6 +376,8 @@ check_events_flow() {
     # Through node_exporter's textfile collector, as Prometheus sees it.
     wait_for 15 serves agent '^qirn_fleet_agent_connected 1$' ||
         fail "node_exporter does not serve qirn_fleet_agent_connected 1"
+    wait_for 15 serves agent '^qirn_fleet_agent_events_stored_total 5$' ||
+        fail "node_exporter does not serve qirn_fleet_agent_events_stored_total 5"
     local mtime
     mtime=$(scrape agent | grep -E '^node_textfile_mtime_seconds\{file="[^"]*qirn_fleet_agent\.prom"\}' | tr -d '\r') ||
         fail "node_exporter serves no node_textfile_mtime_seconds for the agent's file"
@@ -405,14 +407,15 @@ check_store_restart() {
     in_store systemctl stop postgresql.service
     append_audit 10 store-away
     disconnected() { [ "$(agent_metric qirn_fleet_agent_connected)" = 0 ]; }
-    wait_for 20 disconnected || echo "   (the agent's metrics did not show the outage)"
+    local outage="connected=0 seen during the outage"
+    wait_for 20 disconnected || outage="connected=0 not seen during the outage"
     in_store systemctl start postgresql.service
     append_audit 5 store-back
     # The agent's back-off is at most 30 s.
     wait_store_complete "after a store restart" 60
     wait_for 15 agent_connected || fail "the agent does not say connected after the store restart"
     active agent qirn-fleet-agent.service || fail "the agent is not running after the store restart"
-    observed "PostgreSQL stopped, 10 lines, started, 5 lines: $stored_count events, each once;" \
+    observed "PostgreSQL stopped, 10 lines, started, 5 lines: $stored_count events, each once; $outage;" \
         "errors_total=$(agent_metric qirn_fleet_agent_errors_total), NRestarts=$(prop agent NRestarts qirn-fleet-agent.service)"
 }
 
