@@ -45,6 +45,7 @@ readonly CHECKS=(
     check_agent_restart
     check_store_restart
     check_admin_hosts_and_metrics
+    check_completeness_loop
     check_upgrade_both
     check_purge_agent_host
     check_purge_store_host
@@ -189,17 +190,18 @@ observed() {
     RESULTS+=("$current_check: $*")
 }
 
-# A QIRN_AVC line for second $1 past a fixed time, path $2.
+# A QIRN_AVC line for second $1 past $time_base, path $2.
+time_base=1731676205
 audit_line() {
     printf 'type=QIRN_AVC msg=audit(%d.123:%d): avc:  denied  { write } for  pid=1234 comm="bash" name="%s" dev="sda1" ino=5678 container_id=3f2a9c scontext=system_u:system_r:container_t tcontext=system_u:object_r:etc_t tclass=file permissive=0\n' \
-        $((1731676205 + $1)) $((4567 + $1)) "$2"
+        $((time_base + $1)) $((4567 + $1)) "$2"
 }
 
 # The event line the service writes for audit_line $1 $2 (the containers have
 # no time zone set: UTC).
 event_line() {
     printf '%s,container_id=3f2a9c,Event=filectl,path=%s,status=enforcing\n' \
-        "$(TZ=UTC date -d "@$((1731676205 + $1))" '+%b %d %H:%M:%S')" "$2"
+        "$(TZ=UTC date -d "@$((time_base + $1))" '+%b %d %H:%M:%S')" "$2"
 }
 
 # Appends $1 audit lines (path prefix $2) on the agent host; their events are
@@ -249,6 +251,13 @@ scrape() {
 }
 # node_exporter on host $1 serves a sample matching the regular expression $2.
 serves() { scrape "$1" 2>/dev/null | grep -qE "$2"; }
+
+# How many times the service has started following its input.
+monitor_starts() {
+    local count
+    count=$(grep -c 'Monitor thread started' "$agent_root/var/log/qirn-log-converter.log" 2>/dev/null) || true
+    echo "${count:-0}"
+}
 
 prop() { in_ct "$1" systemctl show -P "$2" "$3"; }
 active() { [ "$(prop "$1" ActiveState "$2")" = active ]; }
@@ -361,7 +370,7 @@ check_events_flow() {
     : >"$agent_root$audit"
     : >"$SCRATCH/expected"
     in_agent systemctl start qirn-log-converter.service || fail "the service did not start"
-    following() { in_agent grep -q 'Monitor thread started' /var/log/qirn-log-converter.log; }
+    following() { [ "$(monitor_starts)" -gt 0 ]; }
     wait_for 10 following || fail "the service does not follow $audit"
     in_agent systemctl enable --now qirn-fleet-agent.service 2>/dev/null ||
         { in_agent journalctl -u qirn-fleet-agent --no-pager | tail -n 20; fail "the agent did not start"; }
@@ -422,9 +431,12 @@ check_store_restart() {
 check_admin_hosts_and_metrics() {
     in_store qirn-fleet-admin hosts >"$SCRATCH/hosts.txt" 2>&1 || { cat "$SCRATCH/hosts.txt"; fail "qirn-fleet-admin hosts failed"; }
     grep -q "$host_name" "$SCRATCH/hosts.txt" || { cat "$SCRATCH/hosts.txt"; fail "hosts does not list $host_name"; }
-    # What the store's metrics timer runs, into node_exporter's directory.
-    in_store qirn-fleet-admin metrics >"$SCRATCH/metrics.log" 2>&1 ||
-        { cat "$SCRATCH/metrics.log"; fail "qirn-fleet-admin metrics failed"; }
+    # The store's metrics timer, enabled as an operator would, and its run
+    # started now rather than within the minute.
+    in_store systemctl enable --now qirn-fleet-store-metrics.timer 2>/dev/null ||
+        fail "cannot enable qirn-fleet-store-metrics.timer"
+    in_store systemctl start qirn-fleet-store-metrics.service ||
+        { in_store journalctl -q -u qirn-fleet-store-metrics --no-pager | tail -n 10; fail "the store's metrics run failed"; }
     local prom=$store_root/var/lib/prometheus/node-exporter/qirn_fleet_store.prom
     grep -qx 'qirn_fleet_store_up 1' "$prom" || { cat "$prom"; fail "qirn_fleet_store_up is not 1"; }
     grep -qx "qirn_fleet_host_silent{host=\"$host_name\"} 0" "$prom" ||
@@ -439,6 +451,49 @@ check_admin_hosts_and_metrics() {
     [ "${contact%.*}" -gt 0 ] 2>/dev/null || fail "no last contact for $host_name: $contact"
     observed "hosts: $(grep "$host_name" "$SCRATCH/hosts.txt" | tr -s ' ' | awk 'NR == 1');" \
         "$(grep -c '^qirn_fleet' "$prom") store samples served by node_exporter, $host_name silent=0, last contact $contact"
+}
+
+check_completeness_loop() {
+    # A gap: a line written while the service is stopped is never converted,
+    # since the service follows from the end. Recent, so that it lies in the
+    # loop's window.
+    time_base=$(($(date +%s) - sequence - 60))
+    in_agent systemctl stop qirn-log-converter.service
+    sequence=$((sequence + 1))
+    local path="/etc/gap-$sequence" gap
+    gap=$(event_line "$sequence" "$path")
+    audit_line "$sequence" "$path" >>"$agent_root$audit"
+    echo "$gap" >>"$SCRATCH/expected"
+    local starts
+    starts=$(monitor_starts)
+    in_agent systemctl start qirn-log-converter.service
+    # Lines written before it follows again would be a gap too.
+    following_again() { [ "$(monitor_starts)" -gt "$starts" ]; }
+    wait_for 10 following_again || fail "the service does not follow its input after its restart"
+    append_audit 2 after-gap
+    wait_for 10 grep -qF "after-gap-$sequence," "$agent_root$events" || fail "the service does not convert after its restart"
+    ! grep -qxF "$gap" "$agent_root$events" || fail "the gap event reached the event log"
+    # The operator's step: the loop's connection, the host's credential.
+    {
+        echo "QIRN_FLEET_CONNINFO=\"$(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf")\""
+        echo "QIRN_FLEET_SETTLE=0"
+    } >"$agent_root/etc/default/qirn-fleet-complete"
+    in_agent systemctl enable --now qirn-fleet-complete.timer 2>/dev/null || fail "cannot enable the loop's timer"
+    # What the timer starts, now rather than within 15 minutes.
+    in_agent systemctl start qirn-fleet-complete.service ||
+        { in_agent journalctl -q -u qirn-fleet-complete --no-pager | tail -n 10; fail "the loop's run failed"; }
+    grep -qxF "$gap" "$agent_root/var/log/zarvo_container.backfill.log" || fail "the gap event is not in the backfill log"
+    wait_store_complete "after the loop's run" 30
+    wait_for 15 serves agent '^qirn_fleet_complete_last_run_success 1$' ||
+        fail "node_exporter does not serve qirn_fleet_complete_last_run_success 1"
+    serves agent '^qirn_fleet_complete_missing_events 1$' || {
+        scrape agent | grep '^qirn_fleet_complete' || true
+        in_agent journalctl -q -u qirn-fleet-complete --no-pager | tail -n 10
+        fail "node_exporter does not serve qirn_fleet_complete_missing_events 1"
+    }
+    observed "gap event sent again by qirn-fleet-complete.service, shipped from the backfill log:" \
+        "$stored_count events, each once; node_exporter: last_run_success 1, missing_events 1;" \
+        "$(in_agent journalctl -q -u qirn-fleet-complete --no-pager -o cat | grep 'events of this host' | tail -n 1)"
 }
 
 check_upgrade_both() {
@@ -473,11 +528,18 @@ check_upgrade_both() {
 }
 
 # Files a package made that are left after its purge, among the places named.
+# systemd's own stamps of persistent timers are systemd's state, reported
+# apart.
 leftovers() {
     in_ct "$1" sh -c 'find /etc/systemd /lib/systemd/system /usr/lib/systemd/system \
         /var/lib/systemd/deb-systemd-helper-enabled /var/lib/systemd/deb-systemd-helper-masked \
         /etc/qirn /etc/default /etc/logrotate.d /etc/tmpfiles.d /usr/lib/tmpfiles.d /usr/share /usr/sbin /usr/bin \
-        /var/lib /var/cache -name "*qirn*" 2>/dev/null; true'
+        /var/lib /var/cache -path /var/lib/systemd/timers -prune -o -name "*qirn*" -print 2>/dev/null; true'
+}
+timer_stamps() {
+    local stamps
+    stamps=$(in_ct "$1" sh -c 'ls /var/lib/systemd/timers 2>/dev/null | grep qirn | paste -sd" "; true')
+    echo "${stamps:-none}"
 }
 
 check_purge_agent_host() {
@@ -492,7 +554,8 @@ check_purge_agent_host() {
     ! in_agent getent passwd qirn-fleet >/dev/null || fail "the user qirn-fleet is left after the purge"
     [ "$(prop agent LoadState qirn-fleet-agent.service)" = not-found ] || fail "the agent's unit is still loaded"
     [ -f "$agent_root$events" ] || fail "the purge removed the event log"
-    observed "no unit, no enablement link, no /etc/qirn, no user qirn-fleet, no metrics file; event log stays"
+    observed "no unit, no enablement link, no /etc/qirn, no user qirn-fleet, no metrics file; event log stays;" \
+        "systemd's timer stamps left: $(timer_stamps agent)"
 }
 
 check_purge_store_host() {
@@ -505,6 +568,7 @@ check_purge_store_host() {
     local kept
     kept=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>/dev/null || echo "no database")
     observed "no unit, no /etc/qirn, no /usr/share/qirn-fleet-store, no /var/lib/qirn-fleet-store;" \
+        "systemd's timer stamps left: $(timer_stamps store);" \
         "the database qirn_fleet stays with $kept events"
 }
 
