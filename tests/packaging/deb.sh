@@ -226,6 +226,7 @@ field_is "$agent_deb" Depends '*libpq5*'
 field_is "$agent_deb" Depends "*qirn-log-converter (= $version)*"
 field_is "$agent_deb" Depends '*postgresql-client-15 | postgresql-client*'
 field_is "$agent_deb" Depends '*adduser*'
+field_is "$agent_deb" Depends '*acl*'
 unpack "$agent_deb" qirn-fleet-agent
 check_conffiles qirn-fleet-agent
 for conffile in /etc/qirn/qirn-fleet-agent.conf /etc/default/qirn-fleet-complete; do
