@@ -295,6 +295,8 @@ check_installed_not_enabled() {
     in_agent getent passwd qirn-fleet >/dev/null || fail "no system user qirn-fleet"
     in_agent id -nG qirn-fleet | grep -qw adm || fail "qirn-fleet is not in group adm"
     in_store test -x /usr/sbin/qirn-fleet-admin || fail "no /usr/sbin/qirn-fleet-admin"
+    in_store test -f /usr/share/qirn-fleet-store/prometheus/qirn-fleet.rules.yml ||
+        fail "the store's package ships no alert rules"
     observed "store: qirn-fleet-store $(in_store dpkg-query -W -f='${Version}' qirn-fleet-store);" \
         "agent: qirn-fleet-agent $version ($enabled), user qirn-fleet in $(in_agent id -nG qirn-fleet)"
 }
