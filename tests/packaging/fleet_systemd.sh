@@ -529,9 +529,8 @@ check_upgrade_both() {
         "migrate ok; $stored_count events, each once"
 }
 
-# Files a package made that are left after its purge, among the places named.
-# systemd's own stamps of persistent timers are systemd's state, reported
-# apart.
+# Files a package made that are left after its purge, among the places named;
+# systemd's stamps of our persistent timers are checked apart.
 leftovers() {
     in_ct "$1" sh -c 'find /etc/systemd /lib/systemd/system /usr/lib/systemd/system \
         /var/lib/systemd/deb-systemd-helper-enabled /var/lib/systemd/deb-systemd-helper-masked \
@@ -556,8 +555,9 @@ check_purge_agent_host() {
     ! in_agent getent passwd qirn-fleet >/dev/null || fail "the user qirn-fleet is left after the purge"
     [ "$(prop agent LoadState qirn-fleet-agent.service)" = not-found ] || fail "the agent's unit is still loaded"
     [ -f "$agent_root$events" ] || fail "the purge removed the event log"
-    observed "no unit, no enablement link, no /etc/qirn, no user qirn-fleet, no metrics file; event log stays;" \
-        "systemd's timer stamps left: $(timer_stamps agent)"
+    [ "$(timer_stamps agent)" = none ] || fail "timer stamps left after the purge: $(timer_stamps agent)"
+    observed "no unit, no enablement link, no /etc/qirn, no user qirn-fleet, no metrics file," \
+        "no timer stamp; event log stays"
 }
 
 check_purge_store_host() {
@@ -569,8 +569,9 @@ check_purge_store_host() {
     # The events are the operator's: the database outlives the package.
     local kept
     kept=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>/dev/null || echo "no database")
-    observed "no unit, no /etc/qirn, no /usr/share/qirn-fleet-store, no /var/lib/qirn-fleet-store;" \
-        "systemd's timer stamps left: $(timer_stamps store);" \
+    [ "$(timer_stamps store)" = none ] || fail "timer stamps left after the purge: $(timer_stamps store)"
+    observed "no unit, no /etc/qirn, no /usr/share/qirn-fleet-store, no /var/lib/qirn-fleet-store," \
+        "no timer stamp;" \
         "the database qirn_fleet stays with $kept events"
 }
 
