@@ -33,8 +33,11 @@ done
 if [ -n "${QLC_PROMTOOL_ROOT:-}" ]; then
     root=$QLC_PROMTOOL_ROOT
 else
-    root="$QLC_BUILD_DIR/fleet-roots/prometheus"
-    "$QLC_SOURCE_DIR/tests/support/debian-root" "$root" prometheus >/dev/null ||
+    # The fleet tests' one root (same path and package list as fleet.store),
+    # so that a run builds it once.
+    root="$QLC_BUILD_DIR/shipping-roots/fleet"
+    "$QLC_SOURCE_DIR/tests/support/debian-root" "$root" postgresql-15 postgresql-client-15 \
+        pgbouncer prometheus openssl iproute2 >/dev/null ||
         skip "could not build a Debian 12 root with prometheus"
 fi
 [ -x "$root/usr/bin/promtool" ] || skip "$root has no /usr/bin/promtool"
