@@ -1,6 +1,6 @@
 #pragma once
 // One line of the event log: how it is composed, and how any reader of the
-// log (the companion's reconcile, the collector's loader) finds its fields
+// log (the companion's reconcile, the fleet's tests) finds its fields
 // again. Fields are found by anchors, never by splitting on commas, since a
 // container id or a path may hold commas, blanks and "=" of its own.
 

@@ -84,17 +84,6 @@ $docs
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-collector.conf
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder-tls.conf
 644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/syslog-ng/qirn-forwarder.conf
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-store.conf
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-store-tls.conf
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/rsyslog/qirn-collector-store-direct.conf
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/postgresql/qirn-fleet-setup.sql
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/postgresql/qirn-fleet-roles.sql
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/postgresql/qirn-fleet-schema.sql
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/postgresql/qirn-fleet-add-host.sql
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete.default
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete.service
-644 ${prefix#/}/share/doc/qirn-log-converter/examples/shipping/fleet/qirn-fleet-complete.timer
 $(fleet_files "${prefix#/}" "$units" "$etc")
 EOF
 )

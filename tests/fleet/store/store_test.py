@@ -80,7 +80,7 @@ class StoreTest:
         self.s = pgstore.Store()
         self.figures = {}
         old = os.path.join(self.s.qlc, "oldkit")
-        shutil.copytree(os.path.join(pgstore.SOURCE_DIR, "packaging", "shipping", "postgresql"),
+        shutil.copytree(os.path.join(pgstore.SOURCE_DIR, "tests", "fleet", "store", "old-kit"),
                         old)
         self.textfile = os.path.join(self.s.qlc, "textfile")
         os.makedirs(self.textfile)
