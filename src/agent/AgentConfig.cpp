@@ -48,6 +48,8 @@ Status AgentConfig::load(const std::string& path, const std::string& serviceConf
             eventLogSet = !value.empty();
         } else if (key == "backfill_log") {
             config.backfillLog = value;
+        } else if (key == "lock_file") {
+            config.lockFile = value;
         } else if (key == "textfile_dir") {
             config.textfileDir = value;
         } else if (key == "heartbeat_seconds") {
@@ -85,6 +87,10 @@ Status AgentConfig::load(const std::string& path, const std::string& serviceConf
     }
     if (config.backfillLog.empty()) {
         config.backfillLog = DEFAULT_BACKFILL_LOG;
+    }
+    // Never without a lock: the agent's name is only its own while it holds one.
+    if (config.lockFile.empty()) {
+        config.lockFile = DEFAULT_LOCK_FILE;
     }
     return Status::success();
 }

@@ -17,6 +17,7 @@ public:
     static constexpr const char* DEFAULT_EVENT_LOG = "/var/log/zarvo_container.log";
     static constexpr const char* DEFAULT_BACKFILL_LOG = "/var/log/zarvo_container.backfill.log";
     static constexpr const char* DEFAULT_TEXTFILE_DIR = "/var/lib/prometheus/node-exporter";
+    static constexpr const char* DEFAULT_LOCK_FILE = "/run/qirn-fleet-agent/agent.lock";
 
     // Reads `path`; `serviceConfigPath` is where the service's own settings
     // are, for the event log's default. INVALID when a value is wrong or the
@@ -29,6 +30,8 @@ public:
     std::string backfillLog = DEFAULT_BACKFILL_LOG;
     int heartbeatSeconds = 30;
     std::string textfileDir = DEFAULT_TEXTFILE_DIR;
+    // Held while the agent runs: one agent per configuration on a machine.
+    std::string lockFile = DEFAULT_LOCK_FILE;
     std::size_t batchLines = 10000;
     std::chrono::milliseconds commitDelay{50};
     // Ship calls sent before the first one's answer is read (pipelined), so

@@ -3,14 +3,17 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 
 namespace {
 
 constexpr const char* ZONEINFO = "zoneinfo/";
 constexpr const char* UTC = "UTC";
+constexpr const char* MACHINE_ID_PATHS[] = {"/etc/machine-id", "/var/lib/dbus/machine-id"};
+// A machine id is 32 hex digits; anything longer is not one.
+constexpr std::size_t MACHINE_ID_MAX = 64;
 
 std::string trimmed(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ' || text.back() == '\r')) {
@@ -25,21 +28,38 @@ std::string afterZoneinfo(const std::string& path) {
     return at == std::string::npos ? "" : path.substr(at + std::string(ZONEINFO).size());
 }
 
+// The file's first line, or "" when it is missing, empty or not an id
+// (systemd leaves "uninitialized" there until first boot completes).
+std::string machineId(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    if (!file || !std::getline(file, line)) {
+        return "";
+    }
+    line = trimmed(line);
+    if (line.empty() || line.size() > MACHINE_ID_MAX ||
+        line.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return "";
+    }
+    return line;
+}
+
 }  // namespace
 
-std::string HostIdentity::agentName() {
+std::string HostIdentity::agentName(const std::string& root) {
     char host[HOST_NAME_MAX + 1] = {};
     if (gethostname(host, sizeof host - 1) != 0) {
         host[0] = '\0';
     }
-    const time_t now = time(nullptr);
-    struct tm utc {};
-    gmtime_r(&now, &utc);
-    char started[32];
-    if (strftime(started, sizeof started, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) {
-        started[0] = '\0';
+    // The store refuses an agent without a name.
+    const std::string hostname = host[0] != '\0' ? host : "localhost";
+    for (const char* path : MACHINE_ID_PATHS) {
+        const std::string id = machineId(root + path);
+        if (!id.empty()) {
+            return hostname + ":" + id;
+        }
     }
-    return std::string(host) + ":" + std::to_string(getpid()) + ":" + started;
+    return hostname;
 }
 
 std::string HostIdentity::zone(const std::string& root) {

@@ -6,8 +6,13 @@
 
 class HostIdentity {
 public:
-    // "hostname:pid:start-time", unique to one running agent.
-    static std::string agentName();
+    // "hostname:machine-id", the same across restarts of this machine's agent,
+    // so that an agent restarted after a crash takes its own lease back at
+    // once (the agent's lock file keeps a second one from running beside
+    // it). The machine id comes from /etc/machine-id, else
+    // /var/lib/dbus/machine-id; without either the name is the hostname.
+    // `root` prefixes those paths, for tests.
+    static std::string agentName(const std::string& root = "");
     // TZ when set, else /etc/timezone, else the zone /etc/localtime links to,
     // else UTC. `root` prefixes the /etc paths, for tests.
     static std::string zone(const std::string& root = "");

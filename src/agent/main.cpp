@@ -9,6 +9,7 @@
 #include <string>
 
 #include "agent/AgentConfig.h"
+#include "agent/AgentLock.h"
 #include "agent/FleetAgent.h"
 #include "agent/HostIdentity.h"
 #include "agent/PgStoreSession.h"
@@ -77,6 +78,14 @@ int main(int argc, char** argv) {
         warning += key;
         warning += "\" ignored";
         logLine(warning);
+    }
+    // Before the store is spoken to: the agent's name is the machine's, so
+    // only the lock's holder may use it.
+    AgentLock lock;
+    const Status locked = lock.take(config.lockFile);
+    if (!locked.ok()) {
+        logLine("cannot start: " + locked.message());
+        return EXIT_CONFIG;
     }
     const std::string agentName = HostIdentity::agentName();
     const std::string zone = HostIdentity::zone();

@@ -20,6 +20,7 @@ TEST(AgentConfigTest, DefaultsApplyToWhatTheFileDoesNotSet) {
     EXPECT_EQ(10000u, config.batchLines);
     EXPECT_EQ(std::chrono::milliseconds(50), config.commitDelay);
     EXPECT_EQ(2u, config.shipsInFlight);
+    EXPECT_EQ("/run/qirn-fleet-agent/agent.lock", config.lockFile);
 }
 
 TEST(AgentConfigTest, EventLogDefaultsToTheServicesOutputLog) {
@@ -51,6 +52,7 @@ TEST(AgentConfigTest, ReadsEverySetting) {
               "batch_lines=500\n"
               "commit_delay_ms=0\n"
               "ships_in_flight=1\n"
+              "lock_file=/tmp/a.lock\n"
               "#conninfo=commented out\n");
     AgentConfig config;
     ASSERT_TRUE(AgentConfig::load(dir.file("agent.conf"), dir.file("none"), config).ok());
@@ -62,6 +64,15 @@ TEST(AgentConfigTest, ReadsEverySetting) {
     EXPECT_EQ(500u, config.batchLines);
     EXPECT_EQ(std::chrono::milliseconds(0), config.commitDelay);
     EXPECT_EQ(1u, config.shipsInFlight);
+    EXPECT_EQ("/tmp/a.lock", config.lockFile);
+}
+
+TEST(AgentConfigTest, AnEmptyLockFileKeepsTheDefault) {
+    TempDir dir;
+    writeFile(dir.file("agent.conf"), "conninfo=x\nlock_file=\n");
+    AgentConfig config;
+    ASSERT_TRUE(AgentConfig::load(dir.file("agent.conf"), dir.file("none"), config).ok());
+    EXPECT_EQ("/run/qirn-fleet-agent/agent.lock", config.lockFile);
 }
 
 TEST(AgentConfigTest, AConnectionStringIsRequired) {

@@ -12,6 +12,16 @@ bool FakeStoreSession::takeFailure(Status& status) {
     return true;
 }
 
+Status FakeStoreSession::takeLease() {
+    if (!leaseHolder_.empty() && leaseHolder_ != agent_) {
+        return Status::failure(Status::Code::BUSY, "agent " + leaseHolder_ +
+                                                       " holds the lease of this host until "
+                                                       "2026-11-24 23:00:00+00");
+    }
+    leaseHolder_ = agent_;
+    return Status::success();
+}
+
 Status FakeStoreSession::position(const std::string& stream, Position& position) {
     std::lock_guard<std::mutex> lock(mutex_);
     Status failure;
@@ -32,10 +42,8 @@ void FakeStoreSession::ship(const std::vector<Batch>& batches, std::vector<Shipp
         Status failure;
         if (takeFailure(failure)) {
             shipped.status = failure;
-        } else if (!leaseHolder_.empty()) {
-            shipped.status =
-                Status::failure(Status::Code::BUSY,
-                                "lease held by " + leaseHolder_ + " until 2026-11-24 23:00:00+00");
+        } else if (Status lease = takeLease(); !lease.ok()) {
+            shipped.status = lease;
         } else {
             const Position& now = positions_[batch.stream];
             const std::string nowKey = now.present ? now.fileKey : "";
@@ -68,9 +76,8 @@ Status FakeStoreSession::heartbeat(const Heartbeat& heartbeat) {
     if (takeFailure(failure)) {
         return failure;
     }
-    if (!leaseHolder_.empty()) {
-        return Status::failure(Status::Code::BUSY,
-                               "lease held by " + leaseHolder_ + " until 2026-11-24 23:00:00+00");
+    if (Status lease = takeLease(); !lease.ok()) {
+        return lease;
     }
     ++heartbeats_;
     lastHeartbeat_ = heartbeat;
@@ -84,6 +91,9 @@ Status FakeStoreSession::release() {
         return failure;
     }
     ++releases_;
+    if (leaseHolder_ == agent_) {
+        leaseHolder_.clear();
+    }
     return Status::success();
 }
 
@@ -99,9 +109,14 @@ void FakeStoreSession::failNext(const Status& status, int calls) {
     }
 }
 
-void FakeStoreSession::setLeaseHolder(const std::string& other) {
+void FakeStoreSession::setLeaseHolder(const std::string& holder) {
     std::lock_guard<std::mutex> lock(mutex_);
-    leaseHolder_ = other;
+    leaseHolder_ = holder;
+}
+
+std::string FakeStoreSession::leaseHolder() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return leaseHolder_;
 }
 
 void FakeStoreSession::setPosition(const std::string& stream, const std::string& key,

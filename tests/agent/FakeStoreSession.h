@@ -1,6 +1,8 @@
 #pragma once
 // A store in memory with the real one's rules: a ship commits only when it
-// finds the position it expects, the lease is one agent's, and failures can
+// finds the position it expects, the lease is one agent's (a lease held under
+// the session's own agent name is renewed, any other holder's is refused),
+// and failures can
 // be queued to come back from the next calls. Safe to drive from the agent's
 // thread while a test watches.
 
@@ -9,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/StoreSession.h"
@@ -20,6 +23,9 @@ public:
         std::string reason;
     };
 
+    explicit FakeStoreSession(std::string agent = "this-host:0123456789abcdef")
+        : agent_(std::move(agent)) {}
+
     Status position(const std::string& stream, Position& position) override;
     void ship(const std::vector<Batch>& batches, std::vector<Shipped>& replies) override;
     Status heartbeat(const Heartbeat& heartbeat) override;
@@ -28,8 +34,10 @@ public:
 
     // The next `calls` calls of any kind fail with `status`.
     void failNext(const Status& status, int calls = 1);
-    // Another agent holds the lease (empty: nobody does).
-    void setLeaseHolder(const std::string& other);
+    // Who holds the lease (empty: nobody does); the session's own agent name
+    // is what a killed agent of this machine leaves behind.
+    void setLeaseHolder(const std::string& holder);
+    std::string leaseHolder() const;
     void setPosition(const std::string& stream, const std::string& key, int64_t offset);
 
     std::vector<std::string> lines(const std::string& stream) const;
@@ -44,8 +52,12 @@ public:
 
 private:
     bool takeFailure(Status& status);
+    // Takes or renews the lease for this session's agent, as every ship and
+    // heartbeat does; BUSY when another agent holds it.
+    Status takeLease();
 
     mutable std::mutex mutex_;
+    const std::string agent_;
     std::deque<Status> failures_;
     std::string leaseHolder_;
     std::map<std::string, Position> positions_;

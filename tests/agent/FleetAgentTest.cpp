@@ -1,6 +1,7 @@
 #include "agent/FleetAgent.h"
 
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "FakeStoreSession.h"
+#include "agent/HostIdentity.h"
 #include "support/TestSupport.h"
 
 using namespace std::chrono_literals;
@@ -81,6 +83,15 @@ std::vector<std::string> numbered(int from, int to) {
     }
     return lines;
 }
+
+// A machine of its own under `root`, known by its machine id.
+std::string machine(const TempDir& root, const std::string& machineId) {
+    mkdir(root.file("etc").c_str(), 0755);
+    writeFile(root.file("etc/machine-id"), machineId + "\n");
+    return HostIdentity::agentName(root.path());
+}
+
+void longLease(AgentConfig& config) { config.heartbeatSeconds = 30; }
 
 bool storedCount(const FakeStoreSession& store, std::size_t count) {
     return waitUntil([&] { return store.lines("events").size() >= count; }, 5s);
@@ -175,7 +186,8 @@ TEST(FleetAgentTest, AHeldLeaseIsSaidAndWaitedFor) {
     ASSERT_TRUE(waitUntil([&] { return agent.countSaid("another agent holds") == 1; }, 5s));
     std::this_thread::sleep_for(300ms);
     EXPECT_TRUE(store.lines("events").empty());
-    EXPECT_EQ(1, agent.countSaid("lease held by other:42:2026-11-24T20:00:00Z until"));
+    EXPECT_EQ(1, agent.countSaid(
+                     "agent other:42:2026-11-24T20:00:00Z holds the lease of this host until"));
     store.setLeaseHolder("");
     ASSERT_TRUE(storedCount(store, 1));
     EXPECT_EQ(1, agent.countSaid("took this host's lease"));
@@ -386,4 +398,47 @@ TEST(FleetAgentTest, ALostFileIsCountedInTheMetrics) {
                 "qirn_fleet_agent_lost_files_total 1");
         },
         5s));
+}
+
+TEST(FleetAgentTest, AnAgentRestartedAfterAKillResumesAtOnceUnderItsOwnLease) {
+    TempDir dir;
+    TempDir root;
+    testing_support::appendLines(dir.file("events.log"), numbered(1, 3));
+    FakeStoreSession store(machine(root, "0123456789abcdef0123456789abcdef"));
+    {
+        RunningAgent first(store, dir, longLease);
+        first.start();
+        ASSERT_TRUE(storedCount(store, 3));
+    }
+    // A kill gives nothing up: the lease stays under the agent's name, 90 s
+    // long, and the position is where the last COMMIT left it.
+    store.setLeaseHolder(HostIdentity::agentName(root.path()));
+    testing_support::appendLines(dir.file("events.log"), numbered(4, 6));
+    FakeStoreSession restarted(HostIdentity::agentName(root.path()));
+    restarted.setLeaseHolder(store.leaseHolder());
+    restarted.setPosition("events", store.committed("events").fileKey,
+                          store.committed("events").fileOffset);
+    RunningAgent second(restarted, dir, longLease);
+    const auto started = std::chrono::steady_clock::now();
+    second.start();
+    ASSERT_TRUE(storedCount(restarted, 3));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    EXPECT_EQ(numbered(4, 6), restarted.lines("events"));
+    EXPECT_EQ(0, second.countSaid("another agent holds"));
+}
+
+TEST(FleetAgentTest, AnAgentOfAnotherMachineWaitsForTheLeaseAndSaysWhose) {
+    TempDir dir;
+    TempDir here;
+    TempDir clone;
+    writeFile(dir.file("events.log"), "one\n");
+    const std::string holder = machine(here, "0123456789abcdef0123456789abcdef");
+    FakeStoreSession store(machine(clone, "fedcba9876543210fedcba9876543210"));
+    store.setLeaseHolder(holder);
+    RunningAgent agent(store, dir, longLease);
+    agent.start();
+    ASSERT_TRUE(waitUntil([&] { return agent.countSaid("another agent holds") == 1; }, 5s));
+    EXPECT_EQ(1, agent.countSaid("agent " + holder + " holds the lease of this host until"));
+    EXPECT_TRUE(store.lines("events").empty());
+    EXPECT_EQ(holder, store.leaseHolder());
 }

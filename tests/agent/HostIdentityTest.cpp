@@ -68,9 +68,42 @@ TEST(HostIdentityTest, NothingKnownMeansUtc) {
     EXPECT_EQ("UTC", HostIdentity::zone(root.path()));
 }
 
-TEST(HostIdentityTest, AgentNameHoldsHostPidAndStart) {
-    const std::string name = HostIdentity::agentName();
-    const std::string pid = ":" + std::to_string(getpid()) + ":";
-    EXPECT_NE(std::string::npos, name.find(pid));
-    EXPECT_EQ('Z', name.back());
+std::string hostname() {
+    char host[256] = {};
+    gethostname(host, sizeof host - 1);
+    return host;
+}
+
+TEST(HostIdentityTest, AgentNameIsTheHostnameAndMachineId) {
+    TempDir root;
+    mkdir(root.file("etc").c_str(), 0755);
+    writeFile(root.file("etc/machine-id"), "0123456789abcdef0123456789abcdef\n");
+    EXPECT_EQ(hostname() + ":0123456789abcdef0123456789abcdef",
+              HostIdentity::agentName(root.path()));
+}
+
+TEST(HostIdentityTest, AgentNameIsTheSameForEveryStartOnTheMachine) {
+    TempDir root;
+    mkdir(root.file("etc").c_str(), 0755);
+    writeFile(root.file("etc/machine-id"), "fedcba9876543210fedcba9876543210\n");
+    EXPECT_EQ(HostIdentity::agentName(root.path()), HostIdentity::agentName(root.path()));
+    EXPECT_EQ(std::string::npos,
+              HostIdentity::agentName(root.path()).find(std::to_string(getpid())));
+}
+
+TEST(HostIdentityTest, AgentNameFallsBackToDbusMachineId) {
+    TempDir root;
+    mkdir(root.file("etc").c_str(), 0755);
+    writeFile(root.file("etc/machine-id"), "uninitialized\n");
+    mkdir(root.file("var").c_str(), 0755);
+    mkdir(root.file("var/lib").c_str(), 0755);
+    mkdir(root.file("var/lib/dbus").c_str(), 0755);
+    writeFile(root.file("var/lib/dbus/machine-id"), "00112233445566778899aabbccddeeff\n");
+    EXPECT_EQ(hostname() + ":00112233445566778899aabbccddeeff",
+              HostIdentity::agentName(root.path()));
+}
+
+TEST(HostIdentityTest, AgentNameWithoutMachineIdIsTheHostname) {
+    TempDir root;
+    EXPECT_EQ(hostname(), HostIdentity::agentName(root.path()));
 }

@@ -352,64 +352,69 @@ BEGIN
     -- ",Event=<word>,path="; the path runs to the ",status=<word>" that
     -- ends the line. (SQL_ASCII: a character is a byte.) One statement.
     WITH parsed AS MATERIALIZED (
-        SELECT l.line, f.time_written, f.container_id, f.event, f.path, f.status, f.event_at,
-               CASE WHEN f.path IS NULL THEN 'not an event line'
-                    WHEN f.event_at IS NULL THEN 'time is not a date' END AS reason
-        FROM unnest(lines) AS l(line)
-        -- Each step is fenced (OFFSET 0): flattened, its expressions would be
-        -- copied into every use and computed again each time.
-        CROSS JOIN LATERAL (
-            SELECT left(l.line, 15) AS time_written,
-                   substr(l.line, 16, 14) = ',container_id=' AS opens,
-                   strpos(substr(l.line, 30), ',Event=') AS first_event,
-                   CASE WHEN right(l.line, 17) = ',status=enforcing' THEN 17
-                        WHEN right(l.line, 18) = ',status=permissive' THEN 18 END AS ending,
-                   left(l.line, 15) ~ '^[A-Z][a-z]{2} [0-9 ][0-9] ([01][0-9]|2[0-3]):[0-5][0-9]:[0-6][0-9]$'
-                       AND strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(l.line, 1, 3)) % 3 = 1
-                       AND substr(l.line, 5, 2) NOT IN (' 0', '00') AS dated
-            OFFSET 0) AS a
-        CROSS JOIN LATERAL (
-            -- The first ",Event=" is nearly always the anchor; else the first
-            -- one followed by a word and ",path=".
-            SELECT CASE WHEN NOT a.opens THEN 0
-                        WHEN a.first_event > 0 AND
-                             (substr(l.line, 29 + a.first_event, 20) = ',Event=filectl,path=' OR
-                              substr(l.line, 29 + a.first_event, 19)
-                                  IN (',Event=exectl,path=', ',Event=netctl,path='))
-                        THEN 29 + a.first_event
-                        ELSE regexp_instr(l.line, ',Event=(exectl|filectl|netctl),path=', 30)
-                   END AS at,
-                   -- The year rule's fast path: read in the year of `ref`, a time
-                   -- within 150 days of it is the nearest (the other years' are
-                   -- 215 days away or more); anything else asks event_time.
-                   CASE WHEN a.dated THEN qirn_fleet.day_in_year(year,
-                       (strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(l.line, 1, 3)) + 2) / 3,
-                       trim(substr(l.line, 5, 2))::integer,
-                       substr(l.line, 8, 2)::integer * 3600 + substr(l.line, 11, 2)::integer * 60 +
-                           substr(l.line, 14, 2)::integer) END AS this_year
-            OFFSET 0) AS b
-        CROSS JOIN LATERAL (
-            SELECT CASE WHEN substr(l.line, b.at + 7, 7) = 'filectl' THEN 'filectl'
-                        WHEN substr(l.line, b.at + 7, 6) = 'exectl' THEN 'exectl'
-                        ELSE 'netctl' END AS event,
-                   CASE WHEN substr(l.line, b.at + 7, 7) = 'filectl' THEN b.at + 20
-                        ELSE b.at + 19 END AS path_start
-            OFFSET 0) AS w
-        LEFT JOIN LATERAL (
-            -- Lengths kept at 0 or more: the planner may compute these before
-            -- the WHERE below has ruled the line out.
-            SELECT a.time_written,
-                   substr(l.line, 30, greatest(b.at - 30, 0)) AS container_id,
-                   w.event,
-                   substr(l.line, w.path_start,
-                          greatest(length(l.line) - a.ending - w.path_start + 1, 0)) AS path,
-                   right(l.line, a.ending - 8) AS status,
-                   CASE WHEN b.this_year BETWEEN ref - interval '150 days'
-                                             AND ref + interval '150 days'
-                        THEN b.this_year
-                        ELSE qirn_fleet.event_time(a.time_written, ref) END AS event_at
-            WHERE b.at > 0 AND a.ending IS NOT NULL
-              AND length(l.line) >= w.path_start - 1 + a.ending) AS f ON true
+        SELECT c.line, c.time_written,
+               CASE WHEN c.ok THEN substr(c.line, 30, c.at - 30) END AS container_id,
+               CASE WHEN c.ok THEN c.event END AS event,
+               CASE WHEN c.ok THEN substr(c.line, c.path_start,
+                                          length(c.line) - c.ending - c.path_start + 1) END AS path,
+               CASE WHEN c.ok THEN right(c.line, c.ending - 8) END AS status,
+               c.event_at,
+               CASE WHEN NOT c.ok THEN 'not an event line'
+                    WHEN c.event_at IS NULL THEN 'time is not a date' END AS reason
+        -- Steps of subqueries, each fenced (OFFSET 0): flattened, their
+        -- expressions would be copied into every use and computed again.
+        FROM (
+            SELECT b.line, b.time_written, b.at, b.ending, w.event, w.path_start,
+                   b.at > 0 AND b.ending IS NOT NULL AND
+                       length(b.line) >= w.path_start - 1 + b.ending AS ok,
+                   -- The year rule's fast path: read in the year of `ref`, a
+                   -- time within 150 days of it is the nearest (the other
+                   -- years' are 215 days away or more); else event_time.
+                   CASE WHEN NOT b.dated THEN NULL
+                        WHEN b.this_year BETWEEN ref - interval '150 days'
+                                             AND ref + interval '150 days' THEN b.this_year
+                        ELSE qirn_fleet.event_time(b.time_written, ref) END AS event_at
+            FROM (
+                SELECT a.*,
+                       -- The first ",Event=" is nearly always the anchor; else
+                       -- the first one followed by a word and ",path=".
+                       CASE WHEN NOT a.opens THEN 0
+                            WHEN a.first_event > 0 AND
+                                 (substr(a.line, 29 + a.first_event, 20) = ',Event=filectl,path=' OR
+                                  substr(a.line, 29 + a.first_event, 19)
+                                      IN (',Event=exectl,path=', ',Event=netctl,path='))
+                            THEN 29 + a.first_event
+                            ELSE regexp_instr(a.line, ',Event=(exectl|filectl|netctl),path=', 30)
+                       END AS at,
+                       CASE WHEN a.dated THEN qirn_fleet.day_in_year(year,
+                           (strpos('JanFebMarAprMayJunJulAugSepOctNovDec', substr(a.line, 1, 3))
+                               + 2) / 3,
+                           trim(substr(a.line, 5, 2))::integer,
+                           substr(a.line, 8, 2)::integer * 3600 +
+                               substr(a.line, 11, 2)::integer * 60 +
+                               substr(a.line, 14, 2)::integer) END AS this_year
+                FROM (
+                    SELECT l.line, left(l.line, 15) AS time_written,
+                           substr(l.line, 16, 14) = ',container_id=' AS opens,
+                           strpos(substr(l.line, 30), ',Event=') AS first_event,
+                           CASE WHEN right(l.line, 17) = ',status=enforcing' THEN 17
+                                WHEN right(l.line, 18) = ',status=permissive' THEN 18 END AS ending,
+                           left(l.line, 15) ~ '^[A-Z][a-z]{2} [0-9 ][0-9] ([01][0-9]|2[0-3]):[0-5][0-9]:[0-6][0-9]$'
+                               AND strpos('JanFebMarAprMayJunJulAugSepOctNovDec',
+                                          substr(l.line, 1, 3)) % 3 = 1
+                               AND substr(l.line, 5, 2) NOT IN (' 0', '00') AS dated
+                    FROM unnest(lines) AS l(line)
+                    -- An agent sends no NULL; were one sent, it is no line.
+                    WHERE l.line IS NOT NULL
+                    OFFSET 0) AS a
+                OFFSET 0) AS b
+            CROSS JOIN LATERAL (
+                SELECT CASE WHEN substr(b.line, b.at + 7, 7) = 'filectl' THEN 'filectl'
+                            WHEN substr(b.line, b.at + 7, 6) = 'exectl' THEN 'exectl'
+                            ELSE 'netctl' END AS event,
+                       CASE WHEN substr(b.line, b.at + 7, 7) = 'filectl' THEN b.at + 20
+                            ELSE b.at + 19 END AS path_start) AS w
+            OFFSET 0) AS c
     ), stored_rows AS (
         INSERT INTO qirn_fleet.events AS e (host_id, event_at, event_instant, time_written,
                                             container_id, event, path, status, line, key_digest)
