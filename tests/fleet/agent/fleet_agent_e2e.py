@@ -475,15 +475,35 @@ class FaultsTest(fh.FleetTest):
             return
         log("== " + name)
         first_agent = self.main_agent
-        second = self.agent_on(self.agent, "second", first_agent.settings["conninfo"])
+        # On the same machine with the same configuration: refused at once
+        # by the lock file, saying whose it is.
+        same = self.agent_on(self.agent, "same-config", first_agent.settings["conninfo"],
+                             lock_file=first_agent.settings["lock_file"])
+        same.start()
+        try:
+            status = same.process.wait(20)
+        except subprocess.TimeoutExpired:
+            status = None
+            same.stop(signal.SIGTERM)
+        said = same.said().strip().splitlines()[-1:] or [""]
+        ok = status is not None and status != 0 and "lock" in said[0]
+        log("   %s a second agent of the same configuration: exit %s, %r" %
+            ("ok  " if ok else "FAIL", status, said[0]))
+        if not ok:
+            self.failures.append("a second agent of the same configuration: exit %s, %r" %
+                                 (status, said[0]))
+        same.process = None
+        # Another machine with the same credential (a clone given its own
+        # hostname) and, here, the same files: waits for the lease, saying
+        # whose it is, and takes over when the first is gone.
+        second = self.agent_on(self.agent, "clone", first_agent.settings["conninfo"])
         first = self.next_seq
-        second.start()
+        second.start(hostname="agent-clone")
         said = wait_until(lambda: "lease" in second.said().lower(), 20, 0.2)
-        log("   the second agent %s: %s" % ("says why it waits" if said else "said nothing "
-                                            "of a lease",
-                                            second.said().strip().splitlines()[-1:] or ""))
+        log("   %s the clone says why it waits: %s" % (
+            "ok  " if said else "FAIL", (second.said().strip().splitlines()[-1:] or [""])[0]))
         if not said:
-            self.failures.append("the second agent did not say why it waits: %r" %
+            self.failures.append("the clone did not say why it waits: %r" %
                                  second.said()[-500:])
         self.flow(2, 2000)
         self.mid_flow(first, "first agent SIGKILL")
@@ -494,10 +514,10 @@ class FaultsTest(fh.FleetTest):
         self.wait_quiet(lambda: self.count_range(first, last), len(written), QUIET + 8)
         copies, wrong = self.tally(first, last)
         dups = sum(n - 1 for n in copies.values())
-        self.results.append({"case": name + " (the first killed)", "called": last - first + 1,
-                             "written": len(written), "before": len(copies),
-                             "after": len(copies), "duplicates": dups, "foreign": len(wrong),
-                             "exact_before": True})
+        self.results.append({"case": name + " (a clone; the first killed)",
+                             "called": last - first + 1, "written": len(written),
+                             "before": len(copies), "after": len(copies), "duplicates": dups,
+                             "foreign": len(wrong), "exact_before": True})
         log("   called for %d, stored %d by the two, duplicates %d" %
             (len(written), len(copies), dups))
         if dups or written - set(copies) or wrong:

@@ -108,7 +108,8 @@ class Agent:
         os.makedirs(self.textfile, exist_ok=True)
         self.settings = {"conninfo": conninfo, "event_log": "/var/log/zarvo_container.log",
                          "backfill_log": "/var/log/zarvo_container.backfill.log",
-                         "heartbeat_seconds": "2", "textfile_dir": self.textfile}
+                         "heartbeat_seconds": "2", "textfile_dir": self.textfile,
+                         "lock_file": os.path.join(host.dir, "agent-%s.lock" % name)}
         self.settings.update({k: str(v) for k, v in settings.items()})
         self.write_config()
 
@@ -118,10 +119,20 @@ class Agent:
             for key, value in self.settings.items():
                 f.write("%s=%s\n" % (key, value))
 
-    def start(self):
-        self.process = self.host.spawn(
-            ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "TZ=" + base.TZ, "LC_ALL=C",
-             AGENT, "--config", self.config], self.output)
+    def start(self, hostname=None):
+        """`hostname`: as another machine would run it (a UTS namespace of
+        its own with that name), the same files and credential."""
+        command = ["env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "TZ=" + base.TZ,
+                   "LC_ALL=C", AGENT, "--config", self.config]
+        if hostname:
+            command = ["unshare", "--uts", "sh", "-c", 'hostname "$0" && exec "$@"',
+                       hostname] + command
+        before = os.path.getsize(self.output) if os.path.exists(self.output) else 0
+        self.process = self.host.spawn(command, self.output)
+        # Up when it has said what it ships (or ended): a signal sent before
+        # would meet a program that has not yet set up its handling.
+        wait_until(lambda: self.process.poll() is not None or
+                   os.path.getsize(self.output) > before, 10, 0.02)
         return self
 
     def running(self):
