@@ -49,11 +49,7 @@ TZ = "Europe/Berlin"
 
 ENGINES = {
     "rsyslog": {
-        # The store's test (shipping_store.py) uses the same root: PostgreSQL
-        # for the collector, psql for the completeness loop, promtool for
-        # its metrics.
-        "packages": ["rsyslog", "rsyslog-relp", "rsyslog-gnutls", "postgresql-15",
-                     "postgresql-client-15", "prometheus"],
+        "packages": ["rsyslog", "rsyslog-relp", "rsyslog-gnutls"],
         "short": "rs",
         "subnet": "10.231.16",
         "spool": "/var/spool/rsyslog",
@@ -75,7 +71,7 @@ CAUSES = {
             "the lines librelp had sent but not yet seen acknowledged when the collector went "
             "away (it keeps them for resending in memory only; at most its window of 1024), "
             "and the batch the queue's worker held while retrying (cancelled at shutdown; at "
-            "most 1024 lines); the store mode's completeness loop sends them again",
+            "most 1024 lines); nothing sends them again on this path",
     },
     "syslog-ng": {
         "collector stopped":
@@ -93,8 +89,8 @@ CAUSES = {
 # window) and the batch the queue worker holds while retrying in memory only;
 # a forwarder stopped while the collector is away loses them (open upstream:
 # rsyslog issues 2610 and 3820). The forwarder is sized for throughput (window
-# and batches of 1024), as the store mode repairs such a loss; the JSON files
-# keep it.
+# and batches of 1024); the JSON files keep such a loss, which is why the
+# fleet's agent, not this path, is the way into the store.
 KNOWN_LOSS = {
     "rsyslog": {"forwarder restarted while the collector is down": 2048},
 }

@@ -26,7 +26,6 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "shipping"))
 import shipping_e2e as base  # noqa: E402
-import shipping_store as store_base  # noqa: E402
 from shipping_e2e import log, run, wait_until  # noqa: E402
 
 SKIP = 77
@@ -46,10 +45,10 @@ RELAY = os.path.join(SOURCE_DIR, "tests", "shipping", "delay_relay.py")
 
 PACKAGES = ["iproute2", "openssl", "pgbouncer", "postgresql-15", "postgresql-client-15",
             "prometheus"]
-PG_BIN = store_base.PG_BIN
-PG_PORT = store_base.PG_PORT
-PG_SOCKET = store_base.PG_SOCKET
-PG_DATA = store_base.PG_DATA
+PG_BIN = "/usr/lib/postgresql/15/bin"
+PG_PORT = "5433"
+PG_SOCKET = "/run/qlc/pgsock"
+PG_DATA = "/run/qlc/pgdata"
 BOUNCER_PORT = "6432"
 # Seen from inside the root on the store host: its spool, private to it.
 STORE_LIB = "/var/lib/qirn-fleet-store"
@@ -81,7 +80,66 @@ def append(path, data):
         os.close(fd)
 
 
-class Database(store_base.Database):
+class StoreDatabase:
+    """A private PostgreSQL 15 from the Debian root, in the store host's
+    namespaces: data directory and socket in its /run/qlc, its own port."""
+
+    def __init__(self, test):
+        self.test = test
+        self.host = test.collector
+        self.process = None
+
+    def user_ids(self):
+        for line in open(os.path.join(self.test.root, "etc", "passwd")):
+            fields = line.split(":")
+            if fields[0] == "postgres":
+                return int(fields[2]), int(fields[3])
+        raise RuntimeError("the Debian root has no postgres user")
+
+    def as_postgres(self, args, output):
+        return self.host.spawn(["chroot", "--userspec=postgres:postgres", self.test.root] + args,
+                               output, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C",
+                                            "TZ": base.TZ})
+
+    def create(self):
+        uid, gid = self.user_ids()
+        for name in ("pgdata", "pgsock"):
+            path = os.path.join(self.host.run, name)
+            os.makedirs(path, mode=0o700)
+            os.chown(path, uid, gid)
+        output = os.path.join(self.host.dir, "initdb.console")
+        status = self.as_postgres([PG_BIN + "/initdb", "-D", PG_DATA, "-U", "postgres",
+                                   "-A", "trust", "--no-sync"], output).wait(120)
+        if status != 0:
+            raise RuntimeError("initdb failed: " + open(output).read()[-2000:])
+        with open(os.path.join(self.host.run, "pgdata", "postgresql.auto.conf"), "a") as f:
+            f.write("listen_addresses = '%s'\nport = %s\nunix_socket_directories = '%s'\n"
+                    "logging_collector = off\nmax_connections = 20\n"
+                    "shared_buffers = 64MB\n" % (self.host.address, PG_PORT, PG_SOCKET))
+        # The socket is for the collector's own programs; the network only
+        # with a password (the completeness loop's host role).
+        with open(os.path.join(self.host.run, "pgdata", "pg_hba.conf"), "w") as f:
+            subnet = self.host.address.rsplit(".", 1)[0] + ".0/24"
+            f.write("local all all trust\n"
+                    "host qirn_fleet all %s scram-sha-256\n" % subnet)
+
+    def start(self):
+        self.process = self.as_postgres([PG_BIN + "/postgres", "-D", PG_DATA],
+                                        os.path.join(self.host.dir, "postgres.console"))
+        if not wait_until(lambda: self.process.poll() is not None or
+                          self.test.psql("SELECT 1", database="postgres", check=False) == "1",
+                          60, 0.2) or self.process.poll() is not None:
+            raise RuntimeError("PostgreSQL did not start")
+
+    def stop(self, signum=signal.SIGINT):
+        """SIGINT: PostgreSQL's fast shutdown (what pg_ctl stop does)."""
+        if self.process and self.process.poll() is None:
+            self.process.send_signal(signum)
+            self.process.wait(60)
+        self.process = None
+
+
+class Database(StoreDatabase):
     """The private PostgreSQL of the store test, sized for a crowd of agents
     behind PgBouncer, with commit times kept (latency is measured to the
     COMMIT)."""
