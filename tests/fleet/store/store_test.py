@@ -164,8 +164,17 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
 
     def admin_checks(self):
         f = self.f
+        # As an earlier init left them: the server's pair under the state directory.
+        data = self.s.path(pgstore.DATA)
+        state_server = self.s.path("/run/qlc/state/server")
+        os.makedirs(state_server)
+        for ext in ("crt", "key"):
+            shutil.move(os.path.join(data, "qirn-fleet-server." + ext),
+                        os.path.join(state_server, "server." + ext))
+        earlier = open(os.path.join(state_server, "server.crt")).read()
         rc, out, err = self.admin("init")
         f.check(rc == 0, "init again is safe", err)
+        self.tls_file_checks(earlier)
         hba = open(self.s.path("/run/qlc/pgdata/pg_hba.conf")).read().splitlines()
         f.check(hba[0].startswith("# BEGIN qirn-fleet-store") and
                 sum(1 for x in hba if x.startswith("# BEGIN qirn-fleet-store")) == 1 and
@@ -214,6 +223,7 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
 
         # TLS logins: certificate, password; wrong ones refused.
         self.tls_checks(out_dir)
+        self.purge_checks()
 
         # The database down: a clear refusal, nothing made.
         self.s.stop()
@@ -227,14 +237,35 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
                 "database down: no files for web-05")
         self.s.start()
 
+    def tls_file_checks(self, earlier):
+        f = self.f
+        data = self.s.path(pgstore.DATA)
+        names = {"ssl_cert_file": "qirn-fleet-server.crt", "ssl_key_file": "qirn-fleet-server.key",
+                 "ssl_ca_file": "qirn-fleet-ca.crt"}
+        for setting, name in names.items():
+            value = self.q("SHOW %s" % setting, database="postgres")
+            f.check(value == pgstore.DATA + "/" + name,
+                    "init: %s names the data directory's %s" % (setting, name), value)
+            st = os.stat(os.path.join(data, name))
+            f.check(st.st_uid == self.s.uid and
+                    (st.st_mode & 0o777) == (0o600 if name.endswith(".key") else 0o644),
+                    "init: %s owned by postgres, mode %o" % (name, st.st_mode & 0o777))
+        f.check(open(os.path.join(data, "qirn-fleet-server.crt")).read() == earlier and
+                not os.path.exists(self.s.path("/run/qlc/state/server")),
+                "init: an earlier init's server certificate moved into the data directory")
+        f.check(open(os.path.join(data, "qirn-fleet-ca.crt")).read() ==
+                open(self.s.path("/run/qlc/state/ca/ca.crt")).read(),
+                "init: the data directory's CA file is the fleet CA")
+
+    def connect(self, conninfo, env=None):
+        r = self.s.chroot(["psql", "-X", "-A", "-t", "-d", conninfo, "-c",
+                           "SELECT session_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE "
+                           "pid = pg_backend_pid())"], env=env)
+        return r.returncode, r.stdout.decode().strip(), r.stderr.decode()
+
     def tls_checks(self, out_dir):
         f = self.f
-
-        def connect(conninfo, env=None):
-            r = self.s.chroot(["psql", "-X", "-A", "-t", "-d", conninfo, "-c",
-                               "SELECT session_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE "
-                               "pid = pg_backend_pid())"], env=env)
-            return r.returncode, r.stdout.decode().strip(), r.stderr.decode()
+        connect = self.connect
 
         base = ("host=127.0.0.1 port=5433 dbname=qirn_fleet sslmode=verify-full "
                 "sslrootcert=/run/qlc/state/hosts/web-01/fleet-ca.pem")
@@ -252,6 +283,31 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         rc, out, err = connect(base + " user=qirn_host_web-02 password=wrong")
         f.check(rc != 0, "a wrong password is refused", out)
         self.cert = base + cert
+
+    def purge_checks(self):
+        """The store's package purged (its state directory gone): PostgreSQL
+        starts again with the TLS settings init made, and hosts log in."""
+        f = self.f
+        state = self.s.path("/run/qlc/state")
+        self.s.stop()
+        os.rename(state, state + ".purged")
+        try:
+            started = True
+            try:
+                self.s.start()
+            except RuntimeError as e:
+                started = False
+                f.check(False, "after a purge the server starts", e)
+            if started:
+                f.check(self.q("SHOW ssl") == "on", "after a purge the server starts, TLS on")
+                rc, out, err = self.connect(self.cert.replace("/run/qlc/state/",
+                                                              "/run/qlc/state.purged/") +
+                                            " user=qirn_host_web-01")
+                f.check(rc == 0 and out == "qirn_host_web-01 true",
+                        "after a purge a certificate login over verify-full", out + err)
+                self.s.stop()
+        finally:
+            os.rename(state + ".purged", state)
 
     def admin_after_ship(self):
         f = self.f
