@@ -283,6 +283,61 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         rc, out, err = connect(base + " user=qirn_host_web-02 password=wrong")
         f.check(rc != 0, "a wrong password is refused", out)
         self.cert = base + cert
+        self.renew_checks(base, cert)
+
+    def subject(self, path):
+        r = self.s.chroot(["openssl", "x509", "-noout", "-subject", "-nameopt", "RFC2253", "-in",
+                           path])
+        return r.stdout.decode().strip()
+
+    def renew_checks(self, base, cert):
+        f = self.f
+        web01 = self.s.path("/run/qlc/state/hosts/web-01")
+        web02 = self.s.path("/run/qlc/state/hosts/web-02")
+
+        def files(d):
+            return {n: open(os.path.join(d, n), "rb").read() for n in sorted(os.listdir(d))}
+
+        old01, old02 = files(web01), files(web02)
+        rc, out, err = self.admin("renew-host", "web-01")
+        new01 = files(web01)
+        f.check(rc == 0 and "conninfo=host=127.0.0.1 port=5433 dbname=qirn_fleet user="
+                "qirn_host_web-01 " in out and "sslcert=/etc/qirn/fleet-agent.crt" in out and
+                sorted(new01) == sorted(old01), "renew-host web-01: the certificate host's files",
+                out + err)
+        f.check(new01["fleet-agent.key"] != old01["fleet-agent.key"] and
+                new01["fleet-agent.crt"] != old01["fleet-agent.crt"] and
+                self.subject("/run/qlc/state/hosts/web-01/fleet-agent.crt") ==
+                "subject=CN=qirn_host_web-01" and
+                (os.stat(os.path.join(web01, "fleet-agent.key")).st_mode & 0o777) == 0o640,
+                "renew-host: a new key and certificate, CN unchanged",
+                self.subject("/run/qlc/state/hosts/web-01/fleet-agent.crt"))
+        rc, out, err = self.connect(base + " user=qirn_host_web-01" + cert)
+        f.check(rc == 0 and out == "qirn_host_web-01 true", "the renewed certificate logs in",
+                out + err)
+        old_password = old02["fleet-agent.pgpass"].decode().strip().split(":")[-1]
+        rc, out, err = self.admin("renew-host", "web-02")
+        new02 = files(web02)
+        f.check(rc == 0 and "passfile=/etc/qirn/fleet-agent.pgpass" in out and
+                new02["fleet-agent.pgpass"] != old02["fleet-agent.pgpass"] and
+                (os.stat(os.path.join(web02, "fleet-agent.pgpass")).st_mode & 0o777) == 0o600,
+                "renew-host web-02: a new password file", out + err)
+        rc, out, err = self.connect(base + " user=qirn_host_web-02 "
+                                    "passfile=/run/qlc/state/hosts/web-02/fleet-agent.pgpass")
+        f.check(rc == 0 and out == "qirn_host_web-02 true", "the renewed password logs in",
+                out + err)
+        rc, out, err = self.connect(base + " user=qirn_host_web-02 password=" + old_password)
+        f.check(rc != 0, "the password before the renewal is refused", out)
+        # Refusals change no role and no file.
+        before = self.host_snapshot(), files(web01), files(web02)
+        for args, says in ((["renew-host", "nosuch"], "no host named nosuch"),
+                           (["renew-host", "Web-01"], "not a valid host name"),
+                           (["renew-host", "web-01", "--bogus"], "usage"),
+                           (["renew-host"], "usage")):
+            rc, out, err = self.admin(*args)
+            f.check(rc != 0 and says in err, "refused: %s" % " ".join(args), (rc, err))
+        f.check((self.host_snapshot(), files(web01), files(web02)) == before,
+                "renew-host refusals changed nothing")
 
     def purge_checks(self):
         """The store's package purged (its state directory gone): PostgreSQL
@@ -320,6 +375,11 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         rc, out, err = self.admin("rename-host", "web-01", "web-01b")
         n = self.q("SELECT count(*) FROM qirn_fleet.fleet_events WHERE host = 'web-01b'")
         f.check(rc == 0 and int(n) > 0, "rename-host: the rows follow the host", out + err)
+        rc, out, err = self.admin("renew-host", "web-01b", "--out", "/run/qlc/renew-01b")
+        f.check(rc == 0 and " user=qirn_host_web-01 " in out and
+                self.subject("/run/qlc/renew-01b/fleet-agent.crt") ==
+                "subject=CN=qirn_host_web-01", "renew-host of a renamed host keeps its role",
+                out + err)
         self.q("UPDATE qirn_fleet.hosts SET name = 'web-01' WHERE name = 'web-01b'")
         rc, out, err = self.admin("retire-host", "web-03")
         f.check(rc == 0, "retire-host web-03", err)
@@ -327,6 +387,13 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         f.check(isinstance(r, tuple), "a retired host cannot log in", r)
         rc, out, err = self.admin("retire-host", "web-03")
         f.check(rc != 0 and "retired already" in err, "retire-host twice is refused", err)
+        web03 = self.s.path("/run/qlc/state/hosts/web-03")
+        files03 = {n: open(os.path.join(web03, n), "rb").read() for n in os.listdir(web03)}
+        before = self.host_snapshot()
+        rc, out, err = self.admin("renew-host", "web-03")
+        f.check(rc != 0 and "retired" in err and self.host_snapshot() == before and
+                {n: open(os.path.join(web03, n), "rb").read() for n in os.listdir(web03)} ==
+                files03, "renew-host of a retired host is refused, nothing changed", err)
         rc, out, err = self.admin("metrics")
         prom = open(os.path.join(self.textfile, "qirn_fleet_store.prom")).read()
         f.check(rc == 0 and "qirn_fleet_store_up 1" in prom and
