@@ -167,14 +167,27 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         # As an earlier init left them: the server's pair under the state directory.
         data = self.s.path(pgstore.DATA)
         state_server = self.s.path("/run/qlc/state/server")
-        os.makedirs(state_server)
+        os.makedirs(state_server, exist_ok=True)
         for ext in ("crt", "key"):
             shutil.move(os.path.join(data, "qirn-fleet-server." + ext),
                         os.path.join(state_server, "server." + ext))
         earlier = open(os.path.join(state_server, "server.crt")).read()
+        self.q("ALTER SYSTEM SET ssl_cert_file = '/run/qlc/state/server/server.crt'; "
+               "ALTER SYSTEM SET ssl_key_file = '/run/qlc/state/server/server.key'; "
+               "SELECT pg_reload_conf()", database="postgres")
         rc, out, err = self.admin("init")
         f.check(rc == 0, "init again is safe", err)
         self.tls_file_checks(earlier)
+        # A new server certificate: its pair out of the data directory, init again.
+        for ext in ("crt", "key"):
+            os.remove(os.path.join(data, "qirn-fleet-server." + ext))
+        rc, out, err = self.admin("init")
+        now = open(os.path.join(data, "qirn-fleet-server.crt")).read()
+        f.check(rc == 0 and now != earlier and
+                open(os.path.join(state_server, "server.crt")).read() == now and
+                self.q("SHOW ssl_cert_file", database="postgres") ==
+                pgstore.DATA + "/qirn-fleet-server.crt",
+                "init makes a new server certificate when the data directory has none", err)
         hba = open(self.s.path("/run/qlc/pgdata/pg_hba.conf")).read().splitlines()
         f.check(hba[0].startswith("# BEGIN qirn-fleet-store") and
                 sum(1 for x in hba if x.startswith("# BEGIN qirn-fleet-store")) == 1 and
@@ -250,9 +263,15 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
             f.check(st.st_uid == self.s.uid and
                     (st.st_mode & 0o777) == (0o600 if name.endswith(".key") else 0o644),
                     "init: %s owned by postgres, mode %o" % (name, st.st_mode & 0o777))
-        f.check(open(os.path.join(data, "qirn-fleet-server.crt")).read() == earlier and
-                not os.path.exists(self.s.path("/run/qlc/state/server")),
+        state_server = self.s.path("/run/qlc/state/server")
+        f.check(open(os.path.join(data, "qirn-fleet-server.crt")).read() == earlier,
                 "init: an earlier init's server certificate moved into the data directory")
+        f.check(all(open(os.path.join(data, "qirn-fleet-server." + ext), "rb").read() ==
+                    open(os.path.join(state_server, "server." + ext), "rb").read()
+                    for ext in ("crt", "key")) and
+                os.stat(state_server).st_uid == self.s.uid and
+                (os.stat(state_server).st_mode & 0o777) == 0o700,
+                "init: PgBouncer's copy of the pair in the state directory is the same")
         f.check(open(os.path.join(data, "qirn-fleet-ca.crt")).read() ==
                 open(self.s.path("/run/qlc/state/ca/ca.crt")).read(),
                 "init: the data directory's CA file is the fleet CA")
