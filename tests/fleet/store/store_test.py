@@ -166,8 +166,30 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
 
     def admin_checks(self):
         f = self.f
+        # As an earlier init left them: the server's pair under the state directory.
+        data = self.s.path(pgstore.DATA)
+        state_server = self.s.path("/run/qlc/state/server")
+        os.makedirs(state_server, exist_ok=True)
+        for ext in ("crt", "key"):
+            shutil.move(os.path.join(data, "qirn-fleet-server." + ext),
+                        os.path.join(state_server, "server." + ext))
+        earlier = open(os.path.join(state_server, "server.crt")).read()
+        self.q("ALTER SYSTEM SET ssl_cert_file = '/run/qlc/state/server/server.crt'; "
+               "ALTER SYSTEM SET ssl_key_file = '/run/qlc/state/server/server.key'; "
+               "SELECT pg_reload_conf()", database="postgres")
         rc, out, err = self.admin("init")
         f.check(rc == 0, "init again is safe", err)
+        self.tls_file_checks(earlier)
+        # A new server certificate: its pair out of the data directory, init again.
+        for ext in ("crt", "key"):
+            os.remove(os.path.join(data, "qirn-fleet-server." + ext))
+        rc, out, err = self.admin("init")
+        now = open(os.path.join(data, "qirn-fleet-server.crt")).read()
+        f.check(rc == 0 and now != earlier and
+                open(os.path.join(state_server, "server.crt")).read() == now and
+                self.q("SHOW ssl_cert_file", database="postgres") ==
+                pgstore.DATA + "/qirn-fleet-server.crt",
+                "init makes a new server certificate when the data directory has none", err)
         hba = open(self.s.path("/run/qlc/pgdata/pg_hba.conf")).read().splitlines()
         f.check(hba[0].startswith("# BEGIN qirn-fleet-store") and
                 sum(1 for x in hba if x.startswith("# BEGIN qirn-fleet-store")) == 1 and
@@ -216,6 +238,7 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
 
         # TLS logins: certificate, password; wrong ones refused.
         self.tls_checks(out_dir)
+        self.purge_checks()
 
         # The database down: a clear refusal, nothing made.
         self.s.stop()
@@ -229,14 +252,41 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
                 "database down: no files for web-05")
         self.s.start()
 
+    def tls_file_checks(self, earlier):
+        f = self.f
+        data = self.s.path(pgstore.DATA)
+        names = {"ssl_cert_file": "qirn-fleet-server.crt", "ssl_key_file": "qirn-fleet-server.key",
+                 "ssl_ca_file": "qirn-fleet-ca.crt"}
+        for setting, name in names.items():
+            value = self.q("SHOW %s" % setting, database="postgres")
+            f.check(value == pgstore.DATA + "/" + name,
+                    "init: %s names the data directory's %s" % (setting, name), value)
+            st = os.stat(os.path.join(data, name))
+            f.check(st.st_uid == self.s.uid and
+                    (st.st_mode & 0o777) == (0o600 if name.endswith(".key") else 0o644),
+                    "init: %s owned by postgres, mode %o" % (name, st.st_mode & 0o777))
+        state_server = self.s.path("/run/qlc/state/server")
+        f.check(open(os.path.join(data, "qirn-fleet-server.crt")).read() == earlier,
+                "init: an earlier init's server certificate moved into the data directory")
+        f.check(all(open(os.path.join(data, "qirn-fleet-server." + ext), "rb").read() ==
+                    open(os.path.join(state_server, "server." + ext), "rb").read()
+                    for ext in ("crt", "key")) and
+                os.stat(state_server).st_uid == self.s.uid and
+                (os.stat(state_server).st_mode & 0o777) == 0o700,
+                "init: PgBouncer's copy of the pair in the state directory is the same")
+        f.check(open(os.path.join(data, "qirn-fleet-ca.crt")).read() ==
+                open(self.s.path("/run/qlc/state/ca/ca.crt")).read(),
+                "init: the data directory's CA file is the fleet CA")
+
+    def connect(self, conninfo, env=None):
+        r = self.s.chroot(["psql", "-X", "-A", "-t", "-d", conninfo, "-c",
+                           "SELECT session_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE "
+                           "pid = pg_backend_pid())"], env=env)
+        return r.returncode, r.stdout.decode().strip(), r.stderr.decode()
+
     def tls_checks(self, out_dir):
         f = self.f
-
-        def connect(conninfo, env=None):
-            r = self.s.chroot(["psql", "-X", "-A", "-t", "-d", conninfo, "-c",
-                               "SELECT session_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE "
-                               "pid = pg_backend_pid())"], env=env)
-            return r.returncode, r.stdout.decode().strip(), r.stderr.decode()
+        connect = self.connect
 
         base = ("host=127.0.0.1 port=5433 dbname=qirn_fleet sslmode=verify-full "
                 "sslrootcert=/run/qlc/state/hosts/web-01/fleet-ca.pem")
@@ -254,6 +304,86 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         rc, out, err = connect(base + " user=qirn_host_web-02 password=wrong")
         f.check(rc != 0, "a wrong password is refused", out)
         self.cert = base + cert
+        self.renew_checks(base, cert)
+
+    def subject(self, path):
+        r = self.s.chroot(["openssl", "x509", "-noout", "-subject", "-nameopt", "RFC2253", "-in",
+                           path])
+        return r.stdout.decode().strip()
+
+    def renew_checks(self, base, cert):
+        f = self.f
+        web01 = self.s.path("/run/qlc/state/hosts/web-01")
+        web02 = self.s.path("/run/qlc/state/hosts/web-02")
+
+        def files(d):
+            return {n: open(os.path.join(d, n), "rb").read() for n in sorted(os.listdir(d))}
+
+        old01, old02 = files(web01), files(web02)
+        rc, out, err = self.admin("renew-host", "web-01")
+        new01 = files(web01)
+        f.check(rc == 0 and "conninfo=host=127.0.0.1 port=5433 dbname=qirn_fleet user="
+                "qirn_host_web-01 " in out and "sslcert=/etc/qirn/fleet-agent.crt" in out and
+                sorted(new01) == sorted(old01), "renew-host web-01: the certificate host's files",
+                out + err)
+        f.check(new01["fleet-agent.key"] != old01["fleet-agent.key"] and
+                new01["fleet-agent.crt"] != old01["fleet-agent.crt"] and
+                self.subject("/run/qlc/state/hosts/web-01/fleet-agent.crt") ==
+                "subject=CN=qirn_host_web-01" and
+                (os.stat(os.path.join(web01, "fleet-agent.key")).st_mode & 0o777) == 0o640,
+                "renew-host: a new key and certificate, CN unchanged",
+                self.subject("/run/qlc/state/hosts/web-01/fleet-agent.crt"))
+        rc, out, err = self.connect(base + " user=qirn_host_web-01" + cert)
+        f.check(rc == 0 and out == "qirn_host_web-01 true", "the renewed certificate logs in",
+                out + err)
+        old_password = old02["fleet-agent.pgpass"].decode().strip().split(":")[-1]
+        rc, out, err = self.admin("renew-host", "web-02")
+        new02 = files(web02)
+        f.check(rc == 0 and "passfile=/etc/qirn/fleet-agent.pgpass" in out and
+                new02["fleet-agent.pgpass"] != old02["fleet-agent.pgpass"] and
+                (os.stat(os.path.join(web02, "fleet-agent.pgpass")).st_mode & 0o777) == 0o600,
+                "renew-host web-02: a new password file", out + err)
+        rc, out, err = self.connect(base + " user=qirn_host_web-02 "
+                                    "passfile=/run/qlc/state/hosts/web-02/fleet-agent.pgpass")
+        f.check(rc == 0 and out == "qirn_host_web-02 true", "the renewed password logs in",
+                out + err)
+        rc, out, err = self.connect(base + " user=qirn_host_web-02 password=" + old_password)
+        f.check(rc != 0, "the password before the renewal is refused", out)
+        # Refusals change no role and no file.
+        before = self.host_snapshot(), files(web01), files(web02)
+        for args, says in ((["renew-host", "nosuch"], "no host named nosuch"),
+                           (["renew-host", "Web-01"], "not a valid host name"),
+                           (["renew-host", "web-01", "--bogus"], "usage"),
+                           (["renew-host"], "usage")):
+            rc, out, err = self.admin(*args)
+            f.check(rc != 0 and says in err, "refused: %s" % " ".join(args), (rc, err))
+        f.check((self.host_snapshot(), files(web01), files(web02)) == before,
+                "renew-host refusals changed nothing")
+
+    def purge_checks(self):
+        """The store's package purged (its state directory gone): PostgreSQL
+        starts again with the TLS settings init made, and hosts log in."""
+        f = self.f
+        state = self.s.path("/run/qlc/state")
+        self.s.stop()
+        os.rename(state, state + ".purged")
+        try:
+            started = True
+            try:
+                self.s.start()
+            except RuntimeError as e:
+                started = False
+                f.check(False, "after a purge the server starts", e)
+            if started:
+                f.check(self.q("SHOW ssl") == "on", "after a purge the server starts, TLS on")
+                rc, out, err = self.connect(self.cert.replace("/run/qlc/state/",
+                                                              "/run/qlc/state.purged/") +
+                                            " user=qirn_host_web-01")
+                f.check(rc == 0 and out == "qirn_host_web-01 true",
+                        "after a purge a certificate login over verify-full", out + err)
+                self.s.stop()
+        finally:
+            os.rename(state + ".purged", state)
 
     def admin_after_ship(self):
         f = self.f
@@ -266,6 +396,11 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         rc, out, err = self.admin("rename-host", "web-01", "web-01b")
         n = self.q("SELECT count(*) FROM qirn_fleet.fleet_events WHERE host = 'web-01b'")
         f.check(rc == 0 and int(n) > 0, "rename-host: the rows follow the host", out + err)
+        rc, out, err = self.admin("renew-host", "web-01b", "--out", "/run/qlc/renew-01b")
+        f.check(rc == 0 and " user=qirn_host_web-01 " in out and
+                self.subject("/run/qlc/renew-01b/fleet-agent.crt") ==
+                "subject=CN=qirn_host_web-01", "renew-host of a renamed host keeps its role",
+                out + err)
         self.q("UPDATE qirn_fleet.hosts SET name = 'web-01' WHERE name = 'web-01b'")
         rc, out, err = self.admin("retire-host", "web-03")
         f.check(rc == 0, "retire-host web-03", err)
@@ -273,6 +408,13 @@ SELECT qirn_fleet.store_unparsed('192.0.2.10', 'hello', 'not an event line');
         f.check(isinstance(r, tuple), "a retired host cannot log in", r)
         rc, out, err = self.admin("retire-host", "web-03")
         f.check(rc != 0 and "retired already" in err, "retire-host twice is refused", err)
+        web03 = self.s.path("/run/qlc/state/hosts/web-03")
+        files03 = {n: open(os.path.join(web03, n), "rb").read() for n in os.listdir(web03)}
+        before = self.host_snapshot()
+        rc, out, err = self.admin("renew-host", "web-03")
+        f.check(rc != 0 and "retired" in err and self.host_snapshot() == before and
+                {n: open(os.path.join(web03, n), "rb").read() for n in os.listdir(web03)} ==
+                files03, "renew-host of a retired host is refused, nothing changed", err)
         rc, out, err = self.admin("metrics")
         prom = open(os.path.join(self.textfile, "qirn_fleet_store.prom")).read()
         f.check(rc == 0 and "qirn_fleet_store_up 1" in prom and
