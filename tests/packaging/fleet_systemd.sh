@@ -615,9 +615,24 @@ check_purge_agent_host() {
         "no timer stamp; event log stays"
 }
 
+# The page's block under its heading $1 (the first one after it).
+page_section_block() {
+    awk -v heading="$1" '
+        want == 2 && /^```$/ { exit }
+        want == 2 { print; next }
+        want == 1 && /^```sh$/ { want = 2; next }
+        $0 == heading { want = 1 }' "$page"
+}
+
 check_purge_store_host() {
-    in_store apt-get purge -y -q qirn-fleet-store >"$SCRATCH/purge-store.log" 2>&1 ||
-        { cat "$SCRATCH/purge-store.log"; fail "apt-get purge on the store host failed"; }
+    # As the page removes the store: PostgreSQL's TLS settings handed back,
+    # then the purge.
+    local removal
+    removal=$(page_section_block '### Removing the store')
+    grep -q '^apt-get purge -y qirn-fleet-store$' <<<"$removal" ||
+        fail "the page's removal of the store does not purge qirn-fleet-store: $removal"
+    in_store env HOME=/root bash -e -x -c "$removal" </dev/null >"$SCRATCH/purge-store.log" 2>&1 ||
+        { cat "$SCRATCH/purge-store.log"; fail "the page's removal of the store failed"; }
     local left
     left=$(leftovers store)
     [ -z "$left" ] || fail "left on the store host after the purge: $left"
@@ -625,9 +640,20 @@ check_purge_store_host() {
     local kept
     kept=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>/dev/null || echo "no database")
     [ "$(timer_stamps store)" = none ] || fail "timer stamps left after the purge: $(timer_stamps store)"
+    # The page's promise: PostgreSQL starts again, with the events.
+    local started
+    started=$(store_sql "SELECT pg_postmaster_start_time()")
+    in_store systemctl restart postgresql.service ||
+        { in_store journalctl -q -u postgresql@15-main --no-pager | tail -n 20; fail "PostgreSQL does not start again after the store's removal"; }
+    local after
+    after=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>&1) || true
+    [ "$after" = "$stored_count" ] ||
+        { in_store tail -n 20 /var/log/postgresql/postgresql-15-main.log || true; fail "after PostgreSQL's restart the store answers: $after"; }
+    [ "$(store_sql "SELECT pg_postmaster_start_time()")" != "$started" ] ||
+        fail "PostgreSQL was not restarted (started $started)"
     observed "no unit, no /etc/qirn, no /usr/share/qirn-fleet-store, no /var/lib/qirn-fleet-store," \
-        "no timer stamp;" \
-        "the database qirn_fleet stays with $kept events"
+        "no timer stamp; the database qirn_fleet stays with $kept events," \
+        "$after after PostgreSQL's restart"
 }
 
 # --- Run --------------------------------------------------------------------
