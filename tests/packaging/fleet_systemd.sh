@@ -4,9 +4,14 @@
 # two network namespaces of this test's own, with private addresses only.
 #   store host  PostgreSQL 15 from Debian + qirn-fleet-store
 #   agent host  qirn-log-converter + qirn-fleet-agent
-# The checks below run in order against the running systems: enrolment with
-# qirn-fleet-admin, events end to end, an agent restart and a store restart
-# (no loss, no duplicate), an upgrade of both hosts, a purge of both.
+# The enrolment is the page docs/run-a-fleet.md itself: each block after a
+# "<!-- fleet-role: ROLE -->" line runs with bash as root in its host (store
+# and reader on the store host, agent on the agent host), in the page's order,
+# with only the page's values set to this test's, and the store's files copied
+# to the agent host between them as the page says. The checks after it run
+# against the running systems: events end to end, an agent restart and a
+# store restart (no loss, no duplicate), the metrics through node_exporter,
+# the completeness loop, an upgrade of both hosts, a purge of both.
 #
 # The packages: QLC_FLEET_DEBS=DIR (a directory of built .debs), else the ones
 # packaging.deb leaves in build/.../debian-package.
@@ -29,6 +34,8 @@ store_deb=$(find_deb qirn-fleet-store)
     fail "the three packages are not all in $packages: run packaging.deb first, or set QLC_FLEET_DEBS"
 version=$(dpkg-deb -f "$agent_deb" Version)
 
+page=$QLC_SOURCE_DIR/docs/run-a-fleet.md
+[ -f "$page" ] || fail "no $page"
 host_name=web01
 store_name=qlc-fleet-store
 store_address=10.231.28.1
@@ -38,9 +45,10 @@ events=/var/log/zarvo_container.log
 agent_conf=/etc/qirn/qirn-fleet-agent.conf
 agent_metrics=/var/lib/prometheus/node-exporter/qirn_fleet_agent.prom
 readonly CHECKS=(
-    check_installed_not_enabled
-    check_admin_init
-    check_add_host_and_copy
+    check_page_store
+    check_page_copy
+    check_page_agent
+    check_page_reader
     check_events_flow
     check_agent_restart
     check_store_restart
@@ -243,6 +251,13 @@ agent_metric() {
         "$agent_root$agent_metrics" 2>/dev/null || echo 0
 }
 agent_connected() { [ "$(agent_metric qirn_fleet_agent_connected)" = 1 ]; }
+# The agent writes its metrics at every heartbeat, the page's configuration's
+# (the default, 30 s, unless it sets one): a wait for a figure lasts one more.
+metrics_wait() {
+    local seconds
+    seconds=$(sed -n 's/^heartbeat_seconds=//p' "$agent_root$agent_conf" 2>/dev/null | tail -n 1)
+    echo $((${seconds:-30} + 10))
+}
 
 # What Prometheus would scrape from node_exporter on host $1 (store or agent).
 scrape() {
@@ -280,121 +295,166 @@ repack() {
 
 # --- Checks -----------------------------------------------------------------
 
-check_installed_not_enabled() {
-    cp "$store_deb" "$store_root/root/"
-    cp "$service_deb" "$agent_deb" "$agent_root/root/"
-    in_store apt-get install -y -q --no-install-recommends "/root/$(basename "$store_deb")" \
-        >"$SCRATCH/install-store.log" 2>&1 ||
-        { cat "$SCRATCH/install-store.log"; fail "apt-get install of qirn-fleet-store failed"; }
-    in_agent apt-get install -y -q --no-install-recommends "/root/$(basename "$service_deb")" \
-        "/root/$(basename "$agent_deb")" >"$SCRATCH/install-agent.log" 2>&1 ||
-        { cat "$SCRATCH/install-agent.log"; fail "apt-get install of qirn-log-converter and qirn-fleet-agent failed"; }
-    local enabled
-    enabled=$(in_agent systemctl is-enabled qirn-fleet-agent.service || true)
-    [ "$enabled" = disabled ] || fail "after a fresh install qirn-fleet-agent.service is $enabled"
-    in_agent getent passwd qirn-fleet >/dev/null || fail "no system user qirn-fleet"
-    in_agent id -nG qirn-fleet | grep -qw adm || fail "qirn-fleet is not in group adm"
-    in_store test -x /usr/sbin/qirn-fleet-admin || fail "no /usr/sbin/qirn-fleet-admin"
-    in_store test -f /usr/share/qirn-fleet-store/prometheus/qirn-fleet.rules.yml ||
-        fail "the store's package ships no alert rules"
-    observed "store: qirn-fleet-store $(in_store dpkg-query -W -f='${Version}' qirn-fleet-store);" \
-        "agent: qirn-fleet-agent $version ($enabled), user qirn-fleet in $(in_agent id -nG qirn-fleet)"
+# The page's block for role $1: the lines between its ```sh and ``` fences.
+page_block() {
+    awk -v role="$1" '
+        want == 2 && /^```$/ { exit }
+        want == 2 { print; next }
+        want == 1 && /^```sh$/ { want = 2; next }
+        { want = ($0 == "<!-- fleet-role: " role " -->") }' "$page"
 }
 
-check_admin_init() {
-    postgres_up() { in_store runuser -u postgres -- psql -X -q -A -t -c 'SELECT 1' >/dev/null 2>&1; }
-    wait_for 60 postgres_up || { in_store systemctl status postgresql@15-main --no-pager || true; fail "PostgreSQL is not up"; }
-    in_store qirn-fleet-admin init >"$SCRATCH/init.log" 2>&1 ||
-        { cat "$SCRATCH/init.log"; fail "qirn-fleet-admin init failed"; }
+# The page's block for role $1 with the values of the page's variables named
+# in $2... (VAR=VALUE) set to this test's; each must be one the block sets.
+page_script() {
+    local role=$1 block assignment var line
+    shift
+    block=$(page_block "$role")
+    [ -n "$block" ] || fail "$page has no block for the role $role"
+    declare -A values=()
+    for assignment in "$@"; do
+        var=${assignment%%=*}
+        grep -q "^$var=" <<<"$block" || fail "the page's $role block sets no $var"
+        values[$var]=${assignment#*=}
+    done
+    while IFS= read -r line; do
+        var=${line%%=*}
+        if [[ $line =~ ^[A-Z_]+= ]] && [ -n "${values[$var]+set}" ]; then
+            printf '%s=%q\n' "$var" "${values[$var]}"
+        else
+            printf '%s\n' "$line"
+        fi
+    done <<<"$block"
+}
+
+# Runs the page's block for role $1 on host $2 as root would, each command
+# shown, the first failure ending it; its output in $SCRATCH/page-$1.log.
+run_page() {
+    local role=$1 host=$2 script=$SCRATCH/page-$1.sh
+    shift 2
+    page_script "$role" "$@" >"$script"
+    page_commands[$role]=$(grep -cvE '^([A-Z_]+=|#|$)' "$script")
+    in_ct "$host" env HOME=/root bash -e -x -c "$(cat "$script")" </dev/null >"$SCRATCH/page-$role.log" 2>&1 || {
+        cat "$SCRATCH/page-$role.log"
+        fail "the page's $role block failed on the $host host (last command shown above)"
+    }
+}
+declare -A page_commands=()
+page_debs=/root/qirn-debs
+page_out=/root/qirn-fleet-$host_name
+
+check_page_store() {
+    local roles
+    roles=$(sed -n 's/^<!-- fleet-role: \([a-z]*\) -->$/\1/p' "$page" | paste -sd' ')
+    [ "$roles" = "store agent reader" ] || fail "the page's roles, in order, are: $roles"
+    # The packages, where the page's DEBS names them on each host.
+    mkdir -p "$store_root$page_debs" "$agent_root$page_debs"
+    cp "$service_deb" "$agent_deb" "$store_deb" "$store_root$page_debs/"
+    cp "$service_deb" "$agent_deb" "$store_deb" "$agent_root$page_debs/"
+    run_page store store STORE="$store_address" HOST="$host_name" OUT="$page_out" DEBS="$page_debs"
+    grep -q '^store ready: database qirn_fleet, schema version ' "$SCRATCH/page-store.log" ||
+        { cat "$SCRATCH/page-store.log"; fail "init did not say the store is ready"; }
+    grep -q '^conninfo=' "$SCRATCH/page-store.log" ||
+        { cat "$SCRATCH/page-store.log"; fail "add-host printed no conninfo= line"; }
+    in_store test -f /usr/share/qirn-fleet-store/prometheus/qirn-fleet.rules.yml ||
+        fail "the store's package ships no alert rules"
+    # The package enabled nothing itself: the page's last command did.
+    local enabled_by_package
+    enabled_by_package=$(in_store sh -c 'ls -d /var/lib/systemd/deb-systemd-helper-enabled/*.wants/*qirn* 2>/dev/null; true')
+    [ -z "$enabled_by_package" ] || fail "the store's package enabled $enabled_by_package"
+    local timer
+    for timer in qirn-fleet-store-maintain.timer qirn-fleet-store-metrics.timer; do
+        active store "$timer" || fail "$timer is not active after the page's store block"
+    done
     # Safe to run again: nothing changes, nothing fails.
     in_store qirn-fleet-admin init >"$SCRATCH/init2.log" 2>&1 ||
         { cat "$SCRATCH/init2.log"; fail "qirn-fleet-admin init failed when run again"; }
     store_sql "SELECT 1 FROM qirn_fleet.events LIMIT 0" >/dev/null || fail "no qirn_fleet.events after init"
-    # Debian's PostgreSQL listens on localhost only; opening it to the
-    # network is the operator's step, when init has not done it.
     local listen
     listen=$(in_store runuser -u postgres -- psql -X -A -t -c 'SHOW listen_addresses')
-    if [ "$listen" = localhost ]; then
-        in_store runuser -u postgres -- psql -X -q -c "ALTER SYSTEM SET listen_addresses = '*'"
-        in_store systemctl restart postgresql.service
-        listen="'*' (set by this test: init left localhost)"
-    fi
     wait_for 30 reachable || fail "the agent host cannot reach $store_address:5432"
-    observed "init twice; listen_addresses=$listen; status: $(in_store qirn-fleet-admin status 2>&1 | awk 'NR <= 3' | tr -s ' ' | paste -sd';')"
+    observed "the page's store block (${page_commands[store]} commands, STORE=$store_address) on the store host;" \
+        "init again ok; listen_addresses=$listen; the $host_name's conninfo: $(sed -n 's/^conninfo=//p' "$SCRATCH/page-store.log")"
 }
 
-check_add_host_and_copy() {
-    in_store qirn-fleet-admin add-host "$host_name" --out "/root/$host_name" \
-        >"$SCRATCH/add-host.conf" 2>"$SCRATCH/add-host.err" ||
-        { cat "$SCRATCH/add-host.err"; fail "qirn-fleet-admin add-host $host_name failed"; }
-    grep -q '^conninfo=' "$SCRATCH/add-host.conf" ||
-        { cat "$SCRATCH/add-host.conf"; fail "add-host printed no conninfo= line"; }
-    # As the operator would: the printed configuration becomes the agent's,
-    # each file the connection names is copied to where it names it.
-    local conf=$agent_root$agent_conf
-    mkdir -p "$(dirname "$conf")"
-    grep -E '^([a-z_]+=|#|$)' "$SCRATCH/add-host.conf" >"$conf"
-    echo 'heartbeat_seconds=5' >>"$conf"
-    in_agent chown root:qirn-fleet "$agent_conf"
-    in_agent chmod 0640 "$agent_conf"
-    local copied=() key path file
-    while IFS='=' read -r key path; do
-        file="$store_root/root/$host_name/$(basename "$path")"
-        [ -f "$file" ] || file="$store_root/root/$host_name$path"
-        [ -f "$file" ] || fail "add-host named $key=$path but wrote no $(basename "$path") in --out"
-        mkdir -p "$agent_root$(dirname "$path")"
-        cp "$file" "$agent_root$path"
-        if [ "$key" = passfile ]; then
-            # libpq reads a password file of mode 0600 only: the agent's own.
-            in_agent chown qirn-fleet:qirn-fleet "$path"
-            in_agent chmod 0600 "$path"
-        else
-            in_agent chown root:qirn-fleet "$path"
-            in_agent chmod 0640 "$path"
-        fi
-        copied+=("$path")
-    done < <(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf" | tr ' ' '\n' |
-        grep -E '^(sslcert|sslkey|sslrootcert|passfile)=')
-    # The credential works from the agent host, as the agent's user, over
-    # TLS verified against the fleet's CA.
-    local conninfo answer
-    conninfo=$(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf")
-    answer=$(in_agent runuser -u qirn-fleet -- psql -X -q -A -t -v ON_ERROR_STOP=1 "$conninfo" \
-        -c "SELECT current_user || ' ' || (SELECT ssl FROM pg_stat_ssl WHERE pid = pg_backend_pid())" \
-        -c "SELECT count(*) FROM qirn_fleet.agent_position('events')" 2>&1 | paste -sd' ') ||
-        fail "psql with the printed conninfo as qirn-fleet on the agent host: $answer"
-    [ "$answer" = "qirn_host_$host_name true 0" ] || fail "the host's own connection answered: $answer"
-    observed "add-host $host_name printed $(grep -c . "$SCRATCH/add-host.conf") lines;" \
-        "copied ${copied[*]:-nothing}; as qirn-fleet: $answer (role, TLS, positions); conninfo: $conninfo"
+check_page_copy() {
+    # The operator's copy of OUT to the agent host (DIR), then away from the
+    # store host.
+    [ -d "$store_root$page_out" ] || fail "add-host wrote no $page_out"
+    cp -a "$store_root$page_out" "$agent_root$page_out"
+    rm -rf "$store_root$page_out"
+    observed "copied $(ls "$agent_root$page_out" | paste -sd' ') from the store host's $page_out to the agent host's"
+}
+
+check_page_agent() {
+    # The service's input exists before the page starts it; the events the
+    # checks expect start here.
+    : >"$agent_root$audit"
+    : >"$SCRATCH/expected"
+    run_page agent agent DIR="$page_out" DEBS="$page_debs"
+    # The page's credential check: the host's role, over TLS.
+    grep -qE "^ *qirn_host_$host_name +\| t$" "$SCRATCH/page-agent.log" ||
+        { cat "$SCRATCH/page-agent.log"; fail "the page's credential check did not answer qirn_host_$host_name and t"; }
+    local enabled_by_package
+    enabled_by_package=$(in_agent sh -c 'ls -d /var/lib/systemd/deb-systemd-helper-enabled/*.wants/*qirn* 2>/dev/null; true')
+    [ -z "$enabled_by_package" ] || fail "the agent host's packages enabled $enabled_by_package"
+    in_agent id -nG qirn-fleet | grep -qw adm || fail "qirn-fleet is not in group adm"
+    local unit
+    for unit in qirn-log-converter.service qirn-fleet-agent.service qirn-fleet-complete.timer; do
+        [ "$(in_agent systemctl is-enabled "$unit")" = enabled ] || fail "$unit is not enabled by the page"
+        active agent "$unit" || fail "$unit is not active after the page's agent block"
+    done
+    local file modes
+    for file in qirn-fleet-agent.conf fleet-ca.pem fleet-agent.crt fleet-agent.key; do
+        modes+="$file $(in_agent stat -c '%U:%G %a' "/etc/qirn/$file"); "
+    done
+    [ "$(grep -c 'root:qirn-fleet 640' <<<"${modes//; /$'\n'}")" = 4 ] || fail "the host's files in /etc/qirn: $modes"
+    local conninfo loop
+    conninfo=$(sed -n 's/^conninfo=//p' "$agent_root$agent_conf")
+    loop=$(sed -n 's/^QIRN_FLEET_CONNINFO=//p' "$agent_root/etc/default/qirn-fleet-complete")
+    [ "$loop" = "\"$conninfo\"" ] || fail "the loop's QIRN_FLEET_CONNINFO is $loop, the agent's conninfo $conninfo"
+    observed "the page's agent block (${page_commands[agent]} commands) on the agent host:" \
+        "$(grep -E "^ *qirn_host_$host_name +\| t$" "$SCRATCH/page-agent.log" | tr -s ' ');" \
+        "service, agent and loop timer enabled and active; $modes"
+}
+
+check_page_reader() {
+    run_page reader store
+    grep -qE "^ *$host_name +\|" "$SCRATCH/page-reader.log" ||
+        { cat "$SCRATCH/page-reader.log"; fail "the reader's fleet_hosts does not list $host_name"; }
+    reader=$(page_block reader | sed -n 's/^READER=//p')
+    observed "the page's reader block (${page_commands[reader]} commands, READER=$reader) on the store host:" \
+        "$(grep -E "^ *$host_name +\|" "$SCRATCH/page-reader.log" | tr -s ' ')"
 }
 
 check_events_flow() {
-    : >"$agent_root$audit"
-    : >"$SCRATCH/expected"
-    in_agent systemctl start qirn-log-converter.service || fail "the service did not start"
     following() { [ "$(monitor_starts)" -gt 0 ]; }
     wait_for 10 following || fail "the service does not follow $audit"
-    in_agent systemctl enable --now qirn-fleet-agent.service 2>/dev/null ||
-        { in_agent journalctl -u qirn-fleet-agent --no-pager | tail -n 20; fail "the agent did not start"; }
     append_audit 5 flow
     wait_store_complete "first events" 30
-    wait_for 15 agent_connected || {
+    wait_for "$(metrics_wait)" agent_connected || {
         ls -l "$agent_root$(dirname "$agent_metrics")" || true
         cat "$agent_root$agent_metrics" || true
         in_agent journalctl -q -u qirn-fleet-agent --no-pager | tail -n 20
         fail "the agent's metrics do not say connected"
     }
     # Through node_exporter's textfile collector, as Prometheus sees it.
-    wait_for 15 serves agent '^qirn_fleet_agent_connected 1$' ||
+    wait_for "$(metrics_wait)" serves agent '^qirn_fleet_agent_connected 1$' ||
         fail "node_exporter does not serve qirn_fleet_agent_connected 1"
-    wait_for 15 serves agent '^qirn_fleet_agent_events_stored_total 5$' ||
+    wait_for "$(metrics_wait)" serves agent '^qirn_fleet_agent_events_stored_total 5$' ||
         fail "node_exporter does not serve qirn_fleet_agent_events_stored_total 5"
+    # What the page's reader sees.
+    local seen
+    seen=$(in_store runuser -u "$reader" -- psql -X -A -t -d qirn_fleet \
+        -c "SELECT count(*) FROM qirn_fleet.fleet_events WHERE host = '$host_name'")
+    [ "$seen" = 5 ] || fail "the reader $reader sees $seen events of $host_name, not 5"
     local mtime
     mtime=$(scrape agent | grep -E '^node_textfile_mtime_seconds\{file="[^"]*qirn_fleet_agent\.prom"\}' | tr -d '\r') ||
         fail "node_exporter serves no node_textfile_mtime_seconds for the agent's file"
     observed "5 audit lines -> $stored_count events in qirn_fleet.events;" \
         "agent metrics: connected=$(agent_metric qirn_fleet_agent_connected)" \
-        "stored_total=$(agent_metric qirn_fleet_agent_events_stored_total); node_exporter: ${mtime%% *}"
+        "stored_total=$(agent_metric qirn_fleet_agent_events_stored_total); node_exporter: ${mtime%% *};" \
+        "the reader $reader sees $seen in fleet_events"
 }
 
 check_agent_restart() {
@@ -419,12 +479,12 @@ check_store_restart() {
     append_audit 10 store-away
     disconnected() { [ "$(agent_metric qirn_fleet_agent_connected)" = 0 ]; }
     local outage="connected=0 seen during the outage"
-    wait_for 20 disconnected || outage="connected=0 not seen during the outage"
+    wait_for "$(metrics_wait)" disconnected || outage="connected=0 not seen during the outage"
     in_store systemctl start postgresql.service
     append_audit 5 store-back
     # The agent's back-off is at most 30 s.
     wait_store_complete "after a store restart" 60
-    wait_for 15 agent_connected || fail "the agent does not say connected after the store restart"
+    wait_for "$(metrics_wait)" agent_connected || fail "the agent does not say connected after the store restart"
     active agent qirn-fleet-agent.service || fail "the agent is not running after the store restart"
     observed "PostgreSQL stopped, 10 lines, started, 5 lines: $stored_count events, each once; $outage;" \
         "errors_total=$(agent_metric qirn_fleet_agent_errors_total), NRestarts=$(prop agent NRestarts qirn-fleet-agent.service)"
@@ -433,10 +493,8 @@ check_store_restart() {
 check_admin_hosts_and_metrics() {
     in_store qirn-fleet-admin hosts >"$SCRATCH/hosts.txt" 2>&1 || { cat "$SCRATCH/hosts.txt"; fail "qirn-fleet-admin hosts failed"; }
     grep -q "$host_name" "$SCRATCH/hosts.txt" || { cat "$SCRATCH/hosts.txt"; fail "hosts does not list $host_name"; }
-    # The store's metrics timer, enabled as an operator would, and its run
-    # started now rather than within the minute.
-    in_store systemctl enable --now qirn-fleet-store-metrics.timer 2>/dev/null ||
-        fail "cannot enable qirn-fleet-store-metrics.timer"
+    # The store's metrics timer, enabled by the page: its run started now
+    # rather than within the minute.
     in_store systemctl start qirn-fleet-store-metrics.service ||
         { in_store journalctl -q -u qirn-fleet-store-metrics --no-pager | tail -n 10; fail "the store's metrics run failed"; }
     local prom=$store_root/var/lib/prometheus/node-exporter/qirn_fleet_store.prom
@@ -475,12 +533,9 @@ check_completeness_loop() {
     append_audit 2 after-gap
     wait_for 10 grep -qF "after-gap-$sequence," "$agent_root$events" || fail "the service does not convert after its restart"
     ! grep -qxF "$gap" "$agent_root$events" || fail "the gap event reached the event log"
-    # The operator's step: the loop's connection, the host's credential.
-    {
-        echo "QIRN_FLEET_CONNINFO=\"$(sed -n 's/^conninfo=//p' "$SCRATCH/add-host.conf")\""
-        echo "QIRN_FLEET_SETTLE=0"
-    } >"$agent_root/etc/default/qirn-fleet-complete"
-    in_agent systemctl enable --now qirn-fleet-complete.timer 2>/dev/null || fail "cannot enable the loop's timer"
+    # The page gave the loop its connection and enabled its timer; the
+    # gap is a minute old, so the loop need not wait for it to settle.
+    echo "QIRN_FLEET_SETTLE=0" >>"$agent_root/etc/default/qirn-fleet-complete"
     # What the timer starts, now rather than within 15 minutes.
     in_agent systemctl start qirn-fleet-complete.service ||
         { in_agent journalctl -q -u qirn-fleet-complete --no-pager | tail -n 10; fail "the loop's run failed"; }
@@ -530,12 +585,15 @@ check_upgrade_both() {
 }
 
 # Files a package made that are left after its purge, among the places named;
-# systemd's stamps of our persistent timers are checked apart.
+# systemd's stamps of our persistent timers are checked apart. PostgreSQL's
+# data directory is the database's, which outlives the package: the TLS
+# files init put there keep the server working after the purge.
 leftovers() {
     in_ct "$1" sh -c 'find /etc/systemd /lib/systemd/system /usr/lib/systemd/system \
         /var/lib/systemd/deb-systemd-helper-enabled /var/lib/systemd/deb-systemd-helper-masked \
         /etc/qirn /etc/default /etc/logrotate.d /etc/tmpfiles.d /usr/lib/tmpfiles.d /usr/share /usr/sbin /usr/bin \
-        /var/lib /var/cache -path /var/lib/systemd/timers -prune -o -name "*qirn*" -print 2>/dev/null; true'
+        /var/lib /var/cache -path /var/lib/systemd/timers -prune -o -path /var/lib/postgresql -prune \
+        -o -name "*qirn*" -print 2>/dev/null; true'
 }
 timer_stamps() {
     local stamps
@@ -560,9 +618,23 @@ check_purge_agent_host() {
         "no timer stamp; event log stays"
 }
 
+# The page's block under its heading $1 (the first one after it).
+page_section_block() {
+    awk -v heading="$1" '
+        want == 2 && /^```$/ { exit }
+        want == 2 { print; next }
+        want == 1 && /^```sh$/ { want = 2; next }
+        $0 == heading { want = 1 }' "$page"
+}
+
 check_purge_store_host() {
-    in_store apt-get purge -y -q qirn-fleet-store >"$SCRATCH/purge-store.log" 2>&1 ||
-        { cat "$SCRATCH/purge-store.log"; fail "apt-get purge on the store host failed"; }
+    # As the page removes the store.
+    local removal
+    removal=$(page_section_block '### Removing the store')
+    grep -q '^apt-get purge -y qirn-fleet-store$' <<<"$removal" ||
+        fail "the page's removal of the store does not purge qirn-fleet-store: $removal"
+    in_store env HOME=/root bash -e -x -c "$removal" </dev/null >"$SCRATCH/purge-store.log" 2>&1 ||
+        { cat "$SCRATCH/purge-store.log"; fail "the page's removal of the store failed"; }
     local left
     left=$(leftovers store)
     [ -z "$left" ] || fail "left on the store host after the purge: $left"
@@ -570,9 +642,20 @@ check_purge_store_host() {
     local kept
     kept=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>/dev/null || echo "no database")
     [ "$(timer_stamps store)" = none ] || fail "timer stamps left after the purge: $(timer_stamps store)"
+    # The page's promise: PostgreSQL starts again, with the events.
+    local started
+    started=$(store_sql "SELECT pg_postmaster_start_time()")
+    in_store systemctl restart postgresql.service ||
+        { in_store journalctl -q -u postgresql@15-main --no-pager | tail -n 20; fail "PostgreSQL does not start again after the store's removal"; }
+    local after
+    after=$(store_sql "SELECT count(*) FROM qirn_fleet.events" 2>&1) || true
+    [ "$after" = "$stored_count" ] ||
+        { in_store tail -n 20 /var/log/postgresql/postgresql-15-main.log || true; fail "after PostgreSQL's restart the store answers: $after"; }
+    [ "$(store_sql "SELECT pg_postmaster_start_time()")" != "$started" ] ||
+        fail "PostgreSQL was not restarted (started $started)"
     observed "no unit, no /etc/qirn, no /usr/share/qirn-fleet-store, no /var/lib/qirn-fleet-store," \
-        "no timer stamp;" \
-        "the database qirn_fleet stays with $kept events"
+        "no timer stamp; the database qirn_fleet stays with $kept events," \
+        "$after after PostgreSQL's restart"
 }
 
 # --- Run --------------------------------------------------------------------
