@@ -35,17 +35,15 @@ constexpr std::string_view NOT_ENROLLED = "QF003";
 // link that dies under a call (data unacknowledged for 5 s), or under a call
 // waiting for its reply (keepalives unanswered from 5 s idle on) is noticed
 // within seconds instead of after TCP's own retransmissions (minutes). The
-// connection string may override any of these.
-constexpr const char* CONNECT_KEYWORDS[] = {"connect_timeout",
-                                            "tcp_user_timeout",
-                                            "keepalives",
-                                            "keepalives_idle",
-                                            "keepalives_interval",
-                                            "keepalives_count",
-                                            "application_name",
-                                            "dbname",
-                                            nullptr};
-constexpr const char* CONNECT_DEFAULTS[] = {"5", "5000", "1", "5", "1", "3", "qirn-fleet-agent"};
+// connection string may override any of these. A host's credential is a
+// certificate or a password, never Kerberos: not asking for GSSAPI
+// encryption spares each connection a look for Kerberos credentials (and the
+// agent the memory Kerberos' libraries take once used).
+constexpr const char* CONNECT_KEYWORDS[] = {
+    "connect_timeout",  "tcp_user_timeout", "keepalives", "keepalives_idle", "keepalives_interval",
+    "keepalives_count", "application_name", "gssencmode", "dbname",          nullptr};
+constexpr const char* CONNECT_DEFAULTS[] = {
+    "5", "5000", "1", "5", "1", "3", "qirn-fleet-agent", "disable"};
 static_assert(std::size(CONNECT_DEFAULTS) + 2 == std::size(CONNECT_KEYWORDS),
               "one default per keyword but dbname");
 

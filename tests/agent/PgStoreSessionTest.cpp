@@ -19,6 +19,7 @@ TEST(PgStoreSessionTest, ADeadLinkIsNoticedWithinSecondsByDefault) {
     EXPECT_EQ("1", PgStoreSession::settingFor(NOWHERE, "keepalives_interval"));
     EXPECT_EQ("3", PgStoreSession::settingFor(NOWHERE, "keepalives_count"));
     EXPECT_EQ("qirn-fleet-agent", PgStoreSession::settingFor(NOWHERE, "application_name"));
+    EXPECT_EQ("disable", PgStoreSession::settingFor(NOWHERE, "gssencmode"));
     EXPECT_EQ("fleet", PgStoreSession::settingFor(NOWHERE, "dbname"));
 }
 
