@@ -44,7 +44,8 @@ void FleetAgent::run() {
             stopping_ = true;
             stopDeadline_ = now + STOP_DEADLINE;
         }
-        if (mayCall(now)) {
+        // Without the lease a stopping agent has nothing to ship.
+        if (mayCall(now) && !(stopping_ && !leaseHeld_)) {
             readPositions(now);
         }
         for (const auto& follower : followers_) {

@@ -31,13 +31,32 @@ constexpr std::string_view POSITION_MOVED = "QF001";
 constexpr std::string_view LEASE_HELD = "QF002";
 constexpr std::string_view NOT_ENROLLED = "QF003";
 
-// Every wait bounded: a store that does not answer a connection in 10 s, or a
-// link that dies under an open connection, is noticed instead of hanging the
-// agent. The connection string may override any of these.
+// Every wait bounded: a store that does not answer a connection in 5 s, a
+// link that dies under a call (data unacknowledged for 5 s), or under a call
+// waiting for its reply (keepalives unanswered from 5 s idle on) is noticed
+// within seconds instead of after TCP's own retransmissions (minutes). The
+// connection string may override any of these. A host's credential is a
+// certificate or a password, never Kerberos: not asking for GSSAPI
+// encryption spares each connection a look for Kerberos credentials (and the
+// agent the memory Kerberos' libraries take once used).
 constexpr const char* CONNECT_KEYWORDS[] = {
-    "connect_timeout",  "keepalives",       "keepalives_idle", "keepalives_interval",
-    "keepalives_count", "application_name", "dbname",          nullptr};
-constexpr const char* CONNECT_DEFAULTS[] = {"10", "1", "30", "10", "3", "qirn-fleet-agent"};
+    "connect_timeout",  "tcp_user_timeout", "keepalives", "keepalives_idle", "keepalives_interval",
+    "keepalives_count", "application_name", "gssencmode", "dbname",          nullptr};
+constexpr const char* CONNECT_DEFAULTS[] = {
+    "5", "5000", "1", "5", "1", "3", "qirn-fleet-agent", "disable"};
+static_assert(std::size(CONNECT_DEFAULTS) + 2 == std::size(CONNECT_KEYWORDS),
+              "one default per keyword but dbname");
+
+// The connection string comes last, so that what it says wins.
+struct ConnectValues {
+    explicit ConnectValues(const std::string& conninfo) {
+        for (std::size_t i = 0; i < std::size(CONNECT_DEFAULTS); ++i) {
+            values[i] = CONNECT_DEFAULTS[i];
+        }
+        values[std::size(CONNECT_DEFAULTS)] = conninfo.c_str();
+    }
+    const char* values[std::size(CONNECT_KEYWORDS)] = {};
+};
 
 std::string oneLine(const char* text) {
     std::string line = text == nullptr ? "" : text;
@@ -194,17 +213,27 @@ void PgStoreSession::rest() {
     }
 }
 
+std::string PgStoreSession::settingFor(const std::string& conninfo, const std::string& keyword) {
+    const ConnectValues values(conninfo);
+    const Connection connection(PQconnectStartParams(CONNECT_KEYWORDS, values.values, 1));
+    std::string setting;
+    PQconninfoOption* options = connection != nullptr ? PQconninfo(connection.get()) : nullptr;
+    for (PQconninfoOption* option = options; option != nullptr && option->keyword != nullptr;
+         ++option) {
+        if (keyword == option->keyword && option->val != nullptr) {
+            setting = option->val;
+        }
+    }
+    PQconninfoFree(options);
+    return setting;
+}
+
 Status PgStoreSession::connect() {
     if (connection_ != nullptr && PQstatus(connection_.get()) == CONNECTION_OK) {
         return Status::success();
     }
-    const char* values[std::size(CONNECT_KEYWORDS)] = {};
-    for (std::size_t i = 0; i < std::size(CONNECT_DEFAULTS); ++i) {
-        values[i] = CONNECT_DEFAULTS[i];
-    }
-    values[std::size(CONNECT_DEFAULTS)] = conninfo_.c_str();
-    // The connection string comes last, so that what it says wins.
-    connection_.reset(PQconnectdbParams(CONNECT_KEYWORDS, values, 1));
+    const ConnectValues values(conninfo_);
+    connection_.reset(PQconnectdbParams(CONNECT_KEYWORDS, values.values, 1));
     if (connection_ == nullptr) {
         reached_ = false;
         return Status::failure(Status::Code::UNAVAILABLE,

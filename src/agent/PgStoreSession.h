@@ -25,6 +25,11 @@ public:
     void rest() override;
     bool connected() const override;
 
+    // The value libpq takes for `keyword` given this connection string: the
+    // agent's default unless the string says otherwise. Starts no connection
+    // beyond libpq's first non-blocking step.
+    static std::string settingFor(const std::string& conninfo, const std::string& keyword);
+
 private:
     struct ConnectionCloser {
         void operator()(PGconn* connection) const { PQfinish(connection); }

@@ -1,6 +1,6 @@
 #pragma once
 // What the agent does after a failed store call, and what it says: it backs
-// off 0.5 s doubling to 30 s and says once per outage what failed, then once
+// off 0.5 s doubling to 5 s and says once per outage what failed, then once
 // that the store answers again. A moved position is no outage: the agent
 // reads it again at once.
 
@@ -13,7 +13,9 @@
 class RetryPolicy {
 public:
     static constexpr std::chrono::milliseconds FIRST_DELAY{500};
-    static constexpr std::chrono::milliseconds MAX_DELAY{30000};
+    // Short, so a store back after an outage is used within seconds; the
+    // timeouts bound how long each attempt may wait.
+    static constexpr std::chrono::milliseconds MAX_DELAY{5000};
     // A host the store does not know stays unknown until an operator acts.
     static constexpr std::chrono::milliseconds NOT_ENROLLED_DELAY{60000};
 

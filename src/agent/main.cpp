@@ -3,6 +3,7 @@
 
 #include <malloc.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -22,11 +23,15 @@ constexpr int EXIT_USAGE = 2;
 constexpr int OWN_MAPPING_FROM = 256 * 1024;
 constexpr int EXIT_CONFIG = 3;
 
-FleetAgent* runningAgent = nullptr;
+std::atomic<FleetAgent*> runningAgent{nullptr};
+// A stop asked for before the agent exists is kept for it.
+volatile std::sig_atomic_t stopAsked = 0;
 
 void onStopSignal(int) {
-    if (runningAgent != nullptr) {
-        runningAgent->requestStop();
+    stopAsked = 1;
+    FleetAgent* agent = runningAgent.load();
+    if (agent != nullptr) {
+        agent->requestStop();
     }
 }
 
@@ -42,6 +47,8 @@ void logLine(const std::string& line) {
 void installSignals() {
     struct sigaction action {};
     action.sa_handler = onStopSignal;
+    // A stop during start-up must not turn a file read into a failure.
+    action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
@@ -52,7 +59,9 @@ void installSignals() {
 
 }  // namespace
 
+// Before anything slow: a stop at any moment of the start ends with status 0.
 int main(int argc, char** argv) {
+    installSignals();
     mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_FROM);
     std::string configPath = AgentConfig::DEFAULT_PATH;
     for (int i = 1; i < argc; ++i) {
@@ -87,14 +96,20 @@ int main(int argc, char** argv) {
         logLine("cannot start: " + locked.message());
         return EXIT_CONFIG;
     }
+    if (stopAsked != 0) {
+        logLine("stopped before starting");
+        return 0;
+    }
     const std::string agentName = HostIdentity::agentName();
     const std::string zone = HostIdentity::zone();
     logLine("qirn-fleet-agent " + agentName + " (zone " + zone + ") ships " + config.eventLog +
             " and " + config.backfillLog);
     PgStoreSession store(config.conninfo, agentName, zone);
     FleetAgent agent(config, store, logLine);
-    runningAgent = &agent;
-    installSignals();
+    runningAgent.store(&agent);
+    if (stopAsked != 0) {
+        agent.requestStop();
+    }
     agent.run();
     runningAgent = nullptr;
     logLine("stopped");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 using std::chrono::milliseconds;
@@ -12,13 +13,34 @@ Status unavailable() { return Status::failure(Status::Code::UNAVAILABLE, "connec
 
 }  // namespace
 
-TEST(RetryPolicyTest, BacksOffFromHalfASecondDoublingToThirtySeconds) {
+TEST(RetryPolicyTest, BacksOffFromHalfASecondDoublingToFiveSeconds) {
     RetryPolicy policy;
     std::vector<long> delays;
-    for (int i = 0; i < 9; ++i) {
+    for (int i = 0; i < 7; ++i) {
         delays.push_back(static_cast<long>(policy.onFailure(unavailable()).delay.count()));
     }
-    EXPECT_EQ((std::vector<long>{500, 1000, 2000, 4000, 8000, 16000, 30000, 30000, 30000}), delays);
+    EXPECT_EQ((std::vector<long>{500, 1000, 2000, 4000, 5000, 5000, 5000}), delays);
+}
+
+// A 30 s outage, each attempt failing at once (the link is down): the store
+// is tried at least every 5 s, so once it is back it is used within 5 s, and
+// the outage is said once, its end once.
+TEST(RetryPolicyTest, AThirtySecondOutageIsTriedAtLeastEveryFiveSecondsAndSaidOnce) {
+    RetryPolicy policy;
+    milliseconds elapsed{0};
+    milliseconds longest{0};
+    int said = 0;
+    while (elapsed < milliseconds(30000)) {
+        const RetryPolicy::Decision decision =
+            policy.onFailure(Status::failure(Status::Code::UNAVAILABLE, "lost the store: timeout"));
+        said += decision.message.empty() ? 0 : 1;
+        longest = std::max(longest, decision.delay);
+        elapsed += decision.delay;
+    }
+    EXPECT_EQ(1, said);
+    EXPECT_EQ(milliseconds(5000), longest);
+    EXPECT_NE("", policy.onSuccess());
+    EXPECT_EQ(milliseconds(500), policy.onFailure(unavailable()).delay);
 }
 
 TEST(RetryPolicyTest, SaysOncePerOutageWhatFailedAndOnceThatItRecovered) {

@@ -218,6 +218,7 @@ class FaultsTest(fh.FleetTest):
             first = self.next_seq
             self.flow(2, 2000)
             self.mid_flow(first, "link down")
+            since = len(agent.said())
             run(["ip", "-n", self.agent.netns, "link", "set", self.agent.veth, "down"])
             down = time.monotonic()
             self.flow(2, 2000)
@@ -232,11 +233,14 @@ class FaultsTest(fh.FleetTest):
             written = {s for s in base.written_seqs(varlog) if first <= s <= last}
             if wait_until(lambda: self.count_range(first, last) >= len(written),
                           LINK_RECOVERY, 0.5):
-                log("   all stored %.0f s after the link came up" % (time.monotonic() - up))
+                log("   all stored %.1f s after the link came up" % (time.monotonic() - up))
                 self.figures["seconds from link up to all stored"] = round(
                     time.monotonic() - up)
             else:
                 log("   not all stored %d s after the link came up" % LINK_RECOVERY)
+            # Said once that the store was lost, once that it answers again.
+            for line in agent.said()[since:].splitlines():
+                log("   agent: " + line)
 
         def disk_full():
             # The events' partition of this case moves to a tablespace on a
