@@ -833,9 +833,18 @@ def main():
     parser.add_argument("--recommended", action="store_true",
                         help="any lost event fails the test")
     options = parser.parse_args()
+    status = preflight([BINARY])
+    if status is not None:
+        return status
+    return ShippingTest(options.engine, options.recommended).main()
+
+
+def preflight(programs):
+    """77 when the machine cannot run a namespaced test, 1 when one of
+    `programs` is missing, None when all is there. Also sets the test's zone
+    and turns CTest's SIGTERM at a timeout into a clean-up."""
     os.environ["TZ"] = TZ
     time.tzset()
-    # A CTest timeout sends SIGTERM: clean up the namespaces all the same.
     signal.signal(signal.SIGTERM, lambda signum, frame: sys.exit(128 + signum))
     if os.geteuid() != 0:
         log("SKIP: needs root (namespaces, chroot)")
@@ -844,10 +853,11 @@ def main():
         if shutil.which(tool) is None:
             log("SKIP: %s is not installed" % tool)
             return SKIP
-    if not os.access(BINARY, os.X_OK):
-        log("FAIL: no service binary at " + BINARY)
-        return 1
-    return ShippingTest(options.engine, options.recommended).main()
+    for program in programs:
+        if not os.access(program, os.X_OK):
+            log("FAIL: no program at " + program)
+            return 1
+    return None
 
 
 if __name__ == "__main__":

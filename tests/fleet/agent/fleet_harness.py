@@ -526,22 +526,11 @@ class FleetTest(base.ShippingTest):
 
 
 def preflight(need):
-    """77 when the machine cannot run the test, 1 when a program is missing,
-    None when all is there."""
-    os.environ["TZ"] = base.TZ
-    time.tzset()
-    signal.signal(signal.SIGTERM, lambda signum, frame: sys.exit(128 + signum))
-    if os.geteuid() != 0:
-        log("SKIP: needs root (namespaces, chroot)")
-        return SKIP
-    for tool in ("ip", "unshare", "nsenter", "debootstrap", "logrotate", "chroot"):
-        if shutil.which(tool) is None:
-            log("SKIP: %s is not installed" % tool)
-            return SKIP
-    for program in need:
-        if not os.access(program, os.X_OK):
-            log("FAIL: no program at " + program)
-            return 1
+    """77 when the machine cannot run the test, 1 when a program or a file
+    of the kit is missing, None when all is there."""
+    status = base.preflight(need)
+    if status is not None:
+        return status
     for path in (ADMIN, os.path.join(PGBOUNCER_KIT, "qirn-fleet-pgbouncer.ini")):
         if not os.path.exists(path):
             log("FAIL: the kit has no " + path)
