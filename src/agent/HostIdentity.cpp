@@ -52,14 +52,15 @@ std::string HostIdentity::agentName(const std::string& root) {
         host[0] = '\0';
     }
     // The store refuses an agent without a name.
-    const std::string hostname = host[0] != '\0' ? host : "localhost";
+    std::string name = host[0] != '\0' ? host : "localhost";
     for (const char* path : MACHINE_ID_PATHS) {
         const std::string id = machineId(root + path);
         if (!id.empty()) {
-            return hostname + ":" + id;
+            name.append(":").append(id);
+            break;
         }
     }
-    return hostname;
+    return name;
 }
 
 std::string HostIdentity::zone(const std::string& root) {
